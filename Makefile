@@ -1,0 +1,40 @@
+# Wraps the CMake presets: `make` builds, `make demo` shows the services at work, `make test` runs
+# every suite (plain, sanitizers, install tree, PowerPC under emulation).
+JOBS ?= $(shell nproc)
+CMAKE ?= cmake
+CTEST ?= ctest
+
+.PHONY: all build demo test test-default test-asan test-tsan test-install bench clean
+
+all: build
+
+build:
+	$(CMAKE) --preset default
+	$(CMAKE) --build --preset default -j $(JOBS)
+
+demo: build
+	sh tools/demo.sh build/default
+
+test: test-default test-asan test-tsan test-install
+
+test-default: build
+	$(CTEST) --preset default -j $(JOBS)
+
+test-asan:
+	$(CMAKE) --preset asan
+	$(CMAKE) --build --preset asan -j $(JOBS)
+	$(CTEST) --preset asan -j $(JOBS)
+
+test-tsan:
+	$(CMAKE) --preset tsan
+	$(CMAKE) --build --preset tsan -j $(JOBS)
+	$(CTEST) --preset tsan -j $(JOBS)
+
+test-install: build
+	sh examples/run.sh build/default
+
+bench: build
+	build/default/bin/fcadmin_bench
+
+clean:
+	rm -rf build
