@@ -1,11 +1,9 @@
 #!/bin/sh
-# The steps of the demonstration, run inside the sandbox: each shows one service.
+# The steps of the demonstration, run inside the sandbox: each file of tools/demo/ shows one service.
 set -eu
 tool=$1
+here=$(cd "$(dirname "$0")" && pwd)
 step() { printf '\n== %s\n' "$*"; }
-
-step "fcadmin --help"
-"$tool" --help
-step "fcadmin bits -1; fcadmin endian"
-"$tool" bits -1 || true
-"$tool" endian || true
+for part in "$here"/demo/*.sh; do
+    . "$part"
+done

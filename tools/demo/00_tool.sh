@@ -1,0 +1,3 @@
+# Sourced by demo_steps.sh: the tool and its subcommands.
+step "fcadmin --help"
+"$tool" --help
