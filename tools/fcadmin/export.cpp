@@ -1,0 +1,87 @@
+// fcadmin export: stage content with the platform's provider and upload it to a remote directory.
+#include "fcadmin.h"
+#include "tools/fcadmin/command.h"
+#include "tools/fcadmin/url.h"
+
+#include <cstring>
+#include <string>
+
+namespace fcadmin_tool {
+namespace {
+
+constexpr int32_t kAllNeedsDirectory = -53;
+// The export cuts the remote directory to 79 characters; refuse what it would cut.
+constexpr size_t kRemoteDirLimit = 79;
+
+constexpr char kUsage[] =
+    "usage: fcadmin export URL (--all | --item NAME) [--dir REMOTE_DIR] [--platform-shell]\n"
+    "\n"
+    "Stages the selected content and uploads it to a remote directory.\n"
+    "  URL               PROTO://[USER[:PASSWORD]@]HOST[:PORT]/PATH with PROTO scp, sftp or ftp;\n"
+    "                    without --dir, PATH's directory is the remote target and its last\n"
+    "                    component the name the item is stored under (empty: the item's own name);\n"
+    "                    with --dir, a non-empty PATH names the item's remote file\n"
+    "  --all             export every item (needs --dir)\n"
+    "  --item NAME       export the one item NAME\n"
+    "  --dir REMOTE_DIR  remote directory to upload into (at most 79 characters)\n"
+    "  --platform-shell  run scp and sftp through the platform shell service instead of the\n"
+    "                    command runner (ftp always uses the platform shell service)\n"
+    "Tool output goes to " FCADMIN_TRANSFER_LOG ".\n";
+
+int run_export(int argc, char **argv) {
+    const char *name = argv[0];
+    const char *url = nullptr;
+    const char *item = nullptr;
+    const char *dir = nullptr;
+    bool all = false;
+    bool platform_shell = false;
+    for (int i = 1; i < argc; ++i) {
+        const char *arg = argv[i];
+        if (strcmp(arg, "--all") == 0) {
+            all = true;
+        } else if (strcmp(arg, "--item") == 0 || strcmp(arg, "--dir") == 0) {
+            if (i + 1 >= argc) return usage_error(name, std::string(arg) + " needs a value");
+            (arg[2] == 'i' ? item : dir) = argv[++i];
+        } else if (strcmp(arg, "--platform-shell") == 0) {
+            platform_shell = true;
+        } else if (arg[0] == '-' && arg[1] != '\0') {
+            return usage_error(name, std::string("unknown option ") + arg);
+        } else if (url == nullptr) {
+            url = arg;
+        } else {
+            return usage_error(name, std::string("unexpected argument ") + arg);
+        }
+    }
+    if (url == nullptr) return usage_error(name, "a URL is required");
+    if (all == (item != nullptr)) return usage_error(name, "give either --all or --item NAME");
+
+    TransferRequest request;
+    memset(&request, 0, sizeof request);
+    std::string error;
+    if (!parse_transfer_url(url, &request, &error)) return usage_error(name, error);
+
+    const char *selector = all ? "all" : item;
+    if (*selector == '\0' || strlen(selector) >= sizeof request.selector)
+        return usage_error(name, "the item name must have 1 to " + std::to_string(sizeof request.selector - 1) +
+                                     " characters");
+    strcpy(request.selector, selector);
+    if (dir != nullptr) {
+        if (strlen(dir) > kRemoteDirLimit)
+            return usage_error(name, "the remote directory may have at most 79 characters");
+        strcpy(request.remote_dir, dir);
+    }
+    // Exporting every item needs a remote directory. The export itself does not check it (it would upload
+    // into an empty remote target), so it is refused here before anything is staged. The export takes any
+    // selector that begins with "all" for every item, so such an --item is held to the same rule.
+    if (strncmp(request.selector, "all", 3) == 0 && request.remote_dir[0] == '\0')
+        return report_result(kAllNeedsDirectory);
+
+    return report_result(exportFileToRemoteSystem(&request, platform_shell ? 1 : 0));
+}
+
+}  // namespace
+
+FCADMIN_SUBCOMMAND("export", "stage content and upload it to a remote directory (scp, sftp, ftp)", kUsage,
+                   run_export);
+
+}  // namespace fcadmin_tool
