@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -63,7 +64,7 @@ bool split_words(const char *work, CommandWords &words) {
         const char *end = strchrnul(p, kWordDelimiter);
         if (words.count + 1 == kTooManyWords) return false;
         char *slot = words.slots[words.count];
-        const size_t length = static_cast<size_t>(end - p) < kWordBytes ? static_cast<size_t>(end - p) : kWordBytes;
+        const size_t length = std::min(static_cast<size_t>(end - p), kWordBytes);
         memcpy(slot, p, length);
         slot[length] = '\0';
         words.argv[words.count++] = slot;
@@ -144,7 +145,8 @@ void continue_process_group() { killpg(getpgrp(), SIGCONT); }
 
 // The wait status decides the result. A child killed by a signal other than SIGKILL is waited for
 // again, and that wait ends in ECHILD, which counts as success: callers have always seen such a
-// tool as having succeeded, so it stays that way.
+// tool as having succeeded, so it stays that way. A wait interrupted by one of the caller's own
+// handlers is repeated rather than reported: the tool is still running and must be reaped here.
 int32_t wait_for_child(pid_t child) {
     int status = 0;
     for (;;) {
