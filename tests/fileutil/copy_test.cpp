@@ -214,7 +214,8 @@ const std::vector<std::string> kFullCopy = {"fstat src", "read src",  "close src
                                             "fsync tmp", "close tmp", "rename tmp dst"};
 
 TEST_F(FileCopy, ReplacesTheDestinationInOrderAndLeavesNoTemporary) {
-    const std::string content("binary\0data\nwith all bytes \xff\x01", 31);
+    static const char kBinary[] = "binary\0data\nwith all bytes \xff\x01";
+    const std::string content(kBinary, sizeof kBinary - 1);
     write_file(src, content);
     write_file(dst, "the old destination, longer than the new one\n");
     EXPECT_EQ(copy(), 0);
