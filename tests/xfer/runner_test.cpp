@@ -93,6 +93,19 @@ FCADMIN_TEST_HELPER(runner_tool) {
         return 0;
     }
     if (mode == "poke") {
+        // The caller sets its ignoring actions after the fork, so this tool may start first: wait
+        // (bounded) until the caller's ignored set shows them before signalling it.
+        const unsigned long long wanted = (1ull << (SIGINT - 1)) | (1ull << (SIGQUIT - 1)) |
+                                          (1ull << (SIGUSR1 - 1)) | (1ull << (SIGUSR2 - 1));
+        const std::string status_path = "/proc/" + std::to_string(getppid()) + "/status";
+        for (int tries = 0; tries < 5000; ++tries) {
+            const std::string status = read_file(status_path);
+            const size_t at = status.find("SigIgn:");
+            if (at != std::string::npos &&
+                (std::stoull(status.substr(at + 7), nullptr, 16) & wanted) == wanted)
+                break;
+            usleep(1000);
+        }
         for (int sig : {SIGINT, SIGQUIT, SIGUSR1, SIGUSR2}) kill(getppid(), sig);
         return 0;
     }
