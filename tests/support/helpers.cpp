@@ -103,6 +103,11 @@ void write_file(const std::string &path, const std::string &content, int mode) {
 
 bool file_exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 
+bool under_emulation() {
+    const char *flag = getenv("FCADMIN_UNDER_EMULATION");
+    return flag != nullptr && strcmp(flag, "1") == 0;
+}
+
 int run_program(const std::vector<std::string> &argv, std::string *out,
                 const std::vector<std::string> &extra_env) {
     int pipefd[2] = {-1, -1};
