@@ -243,9 +243,11 @@ int32_t export_to_remote(TransferRequest &request, bool platform_shell) {
     if (request.port != 0) bounded_format(port_option, sizeof port_option, "-oPort=%d", request.port);
 
     Upload upload{request, text, platform_shell, port_option, remote_target, staged_list};
-    if (protocol_matches(text.protocol, "ftp")) return upload_ftp(upload);
-    if (strncmp(text.protocol, "sftp", 4) == 0) return upload_sftp(upload);
-    if (strncmp(text.protocol, "scp", 3) == 0) return upload_scp(upload);
+    // ftp by the shared rule ("", "f" and "ft" are ftp too), but sftp and scp over their whole words only,
+    // so "sftpx" is sftp and "s" matches none; callers rely on both.
+    if (protocol_matches(text.protocol, kProtocolFtp)) return upload_ftp(upload);
+    if (strncmp(text.protocol, kProtocolSftp, 4) == 0) return upload_sftp(upload);
+    if (strncmp(text.protocol, kProtocolScp, 3) == 0) return upload_scp(upload);
 
     // An unknown protocol still runs its (empty) command line; its failure is the export's.
     char command[kCommandSize] = {};
