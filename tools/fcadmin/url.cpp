@@ -90,9 +90,9 @@ bool store(char (&field)[N], std::string_view text, const char *what, std::strin
 bool parse_port(std::string_view text, int32_t *port, std::string *error) {
     long value = 0;
     bool ok = !text.empty() && text.size() <= 5;
-    for (char c : text) {
-        if (c < '0' || c > '9') ok = false;
-        value = value * 10 + (c - '0');
+    for (size_t i = 0; ok && i < text.size(); ++i) {
+        ok = text[i] >= '0' && text[i] <= '9';
+        value = value * 10 + (text[i] - '0');
     }
     if (!ok || value < 1 || value > kMaxPort)
         return fail(error, "bad port " + shown(text) + ": expected a number from 1 to 65535");
