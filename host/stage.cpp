@@ -177,7 +177,7 @@ int32_t stage_all(int source_dir, char *list) {
 }  // namespace
 
 // "all" (the first three characters) stages every item; another selector names one item, staged under
-// item when that is non-empty, else under its own name. Returns the count staged, 0 when nothing is
+// the file name of item when that is non-empty, else under its own name. Returns the count staged, 0 when nothing is
 // eligible, -8 for an unusable selector or item name, -1 when the named item does not exist, -49
 // when the staging directory cannot be created, opened or written.
 extern "C" FCADMIN_PLATFORM_API int32_t stage_export_content(const char *selector, const char *item,
@@ -186,7 +186,11 @@ extern "C" FCADMIN_PLATFORM_API int32_t stage_export_content(const char *selecto
     memset(list, 0, kListSize);
     if (selector == nullptr || selector[0] == '\0' || strchr(selector, '/') != nullptr) return kInvalidInput;
     const bool all = strncmp(selector, "all", 3) == 0;
-    const char *staged_name = item != nullptr && item[0] != '\0' ? item : selector;
+    // The export hands over the request's remote path as the item when a remote directory is given,
+    // so the item may be a path: its file name is the staged name.
+    const char *item_name = item != nullptr ? strrchr(item, '/') : nullptr;
+    item_name = item_name != nullptr ? item_name + 1 : item;
+    const char *staged_name = item_name != nullptr && item_name[0] != '\0' ? item_name : selector;
     if (!all && (!listable_name(selector) || !listable_name(staged_name))) return kInvalidInput;
 
     fcadmin::unique_fd source(open(FCADMIN_EXPORT_SOURCE_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC));

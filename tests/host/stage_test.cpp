@@ -56,7 +56,6 @@ TEST(HostStage, BadArgumentsAndMissingItems) {
     EXPECT_EQ(stage_export_content("all/", nullptr, list.text), -8);
     // The staged name must stay inside the staging directory and survive the blank-separated list.
     EXPECT_EQ(stage_export_content("config", "..", list.text), -8);
-    EXPECT_EQ(stage_export_content("config", "a/b", list.text), -8);
     EXPECT_EQ(stage_export_content("config", "two words", list.text), -8);
     EXPECT_EQ(stage_export_content("config", "tab\tname", list.text), -8);
 
@@ -115,6 +114,12 @@ TEST(HostStage, OneItemUnderItsOwnOrTheGivenName) {
     EXPECT_EQ(std::string(list.text), kStaging + "switch1.cfg");
     EXPECT_EQ(staged_names(), (std::set<std::string>{"switch1.cfg"}));
     EXPECT_EQ(read_file(kStaging + "switch1.cfg"), "running config\n");
+    // An item given as a path is staged under its file name; one ending in "/" names no file.
+    EXPECT_EQ(stage_export_content("config", "/backups/sw1/today.cfg", list.text), 1);
+    EXPECT_EQ(std::string(list.text), kStaging + "today.cfg");
+    EXPECT_EQ(stage_export_content("config", "backups/", list.text), 1);
+    EXPECT_EQ(std::string(list.text), kStaging + "config");
+    EXPECT_EQ(stage_export_content("config", "/backups/..", list.text), -8);
 }
 
 TEST(HostStage, StagingDirectoryThatCannotBeUsed) {
