@@ -26,7 +26,14 @@ constexpr char kUsage[] =
     "  --dir REMOTE_DIR  remote directory to upload into (at most 79 characters)\n"
     "  --platform-shell  run scp and sftp through the platform shell service instead of the\n"
     "                    command runner (ftp always uses the platform shell service)\n"
-    "Tool output goes to " FCADMIN_TRANSFER_LOG ".\n";
+    "\n"
+    "scp sends every staged file in one command, sftp runs a batch file; both try a public-key\n"
+    "log-in, then a keyboard-interactive one, then a password log-in, asking for the password at\n"
+    "the terminal before that last attempt when the URL carries none. The password log-in needs\n"
+    "the device's secure-shell client (a stock OpenSSH client refuses its -oSSHPassword option).\n"
+    "ftp runs ncftpput once, with the password of the URL. Tool output goes to\n"
+    FCADMIN_TRANSFER_LOG "; exit status 0, or the result's message and status 1 (2 for a bad\n"
+    "command line).\n";
 
 int run_export(int argc, char **argv) {
     const char *name = argv[0];
@@ -76,7 +83,10 @@ int run_export(int argc, char **argv) {
     if (strncmp(request.selector, "all", 3) == 0 && request.remote_dir[0] == '\0')
         return report_result(kAllNeedsDirectory);
 
-    return report_result(exportFileToRemoteSystem(&request, platform_shell ? 1 : 0));
+    const int32_t result = exportFileToRemoteSystem(&request, platform_shell ? 1 : 0);
+    // The request held the password (perhaps one typed at the prompt); it does not outlive the call.
+    explicit_bzero(&request, sizeof request);
+    return report_result(result);
 }
 
 }  // namespace
