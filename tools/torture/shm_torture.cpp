@@ -51,11 +51,18 @@ struct Slot {
     bool writer;
 };
 
-// Shared between the parent and every child through one anonymous shared mapping.
+// Shared between the parent and every child through one anonymous shared mapping. Only atomics that
+// work without a lock will do there: a library lock would be private to each process (64-bit counters
+// are such on the 32-bit targets).
+using Counter = std::atomic<uint32_t>;
+static_assert(Counter::is_always_lock_free && std::atomic<int>::is_always_lock_free &&
+                  std::atomic<bool>::is_always_lock_free,
+              "counters shared between processes");
+
 struct Board {
     std::atomic<bool> stop;
-    std::atomic<uint64_t> reads, writes, violations, excused, started;
-    std::atomic<uint64_t> kills_reading, kills_writing;
+    Counter reads, writes, violations, excused, started;
+    Counter kills_reading, kills_writing;
     std::atomic<int> message_count;
     char messages[kMaxMessages][160];
     Slot slots[kMaxProcesses];
@@ -382,7 +389,7 @@ int main(int argc, char **argv) {
     shmdt(mapping);
     fcadmin_owner::destroy();
 
-    const uint64_t kills = board->kills_reading.load() + board->kills_writing.load();
+    const unsigned long long kills = board->kills_reading.load() + board->kills_writing.load();
     printf("shm torture: %ld s, %ld readers and %ld writers, a lock holder killed about every %ld ms\n", seconds,
            readers, writers, kill_every);
     printf("processes: %d at a time, %llu started in all (%llu replacements)\n", processes,
@@ -390,7 +397,7 @@ int main(int argc, char **argv) {
     printf("operations: %llu reads, %llu writes\n", static_cast<unsigned long long>(board->reads.load()),
            static_cast<unsigned long long>(board->writes.load()));
     printf("kills: %llu (%llu holding the read lock, %llu holding the write lock)\n",
-           static_cast<unsigned long long>(kills), static_cast<unsigned long long>(board->kills_reading.load()),
+           kills, static_cast<unsigned long long>(board->kills_reading.load()),
            static_cast<unsigned long long>(board->kills_writing.load()));
     printf("reads of a record left half-written by a killed writer: %llu\n",
            static_cast<unsigned long long>(board->excused.load()));
