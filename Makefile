@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 CMAKE ?= cmake
 CTEST ?= ctest
 
-.PHONY: all build demo test test-default test-asan test-tsan test-install bench clean
+.PHONY: all build demo test test-default test-asan test-tsan test-install test-ppc bench clean
 
 all: build
 
@@ -15,7 +15,7 @@ build:
 demo: build
 	sh tools/demo.sh build/default
 
-test: test-default test-asan test-tsan test-install
+test: test-default test-asan test-tsan test-install test-ppc
 
 test-default: build
 	$(CTEST) --preset default -j $(JOBS)
@@ -32,6 +32,13 @@ test-tsan:
 
 test-install: build
 	sh examples/run.sh build/default
+
+# 32-bit big-endian PowerPC: cross build (libcrypto built from the distribution's sources on the first
+# configure), tests under qemu user emulation.
+test-ppc:
+	$(CMAKE) --preset ppc
+	$(CMAKE) --build --preset ppc -j $(JOBS)
+	$(CTEST) --preset ppc -j $(JOBS)
 
 bench: build
 	build/default/bin/fcadmin_bench

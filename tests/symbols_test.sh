@@ -1,6 +1,7 @@
 #!/bin/sh
 # The shared library exports exactly the names that the exported header declares, nothing more.
-# Usage: symbols_test.sh fcadmin.h libfcadmin.so
+# Usage: symbols_test.sh fcadmin.h libfcadmin.so (NM in the environment names the nm for the library's
+# target; nm by default)
 set -eu
 header=$1 library=$2
 tmp=$(mktemp -d)
@@ -10,7 +11,7 @@ trap 'rm -rf "$tmp"' EXIT
 grep 'FCADMIN_API' "$header" | grep -v '#define' |
     sed -E 's/\(.*//; s/\[.*//; s/;.*//; s/.*[ *]([A-Za-z_][A-Za-z0-9_]*)[[:space:]]*$/\1/' |
     sort -u >"$tmp/header"
-nm -D --defined-only "$library" | awk '{print $3}' | grep -v -E '^(_init|_fini|_edata|_end|__bss_start)$' |
+${NM:-nm} -D --defined-only "$library" | awk '{print $3}' | grep -v -E '^(_init|_fini|_edata|_end|__bss_start)$' |
     sed 's/@.*//' | sort -u >"$tmp/library"
 
 if ! diff -u "$tmp/header" "$tmp/library"; then

@@ -11,6 +11,8 @@
 #include <deque>
 #include <map>
 
+#include <unistd.h>
+
 namespace fcadmin_test {
 namespace {
 
@@ -21,6 +23,7 @@ struct State {
     std::deque<std::string> answers;
     std::deque<int> handles;
     std::deque<std::string> lists;
+    int console_echo_fd = -1;
 };
 
 State &state() {
@@ -78,6 +81,8 @@ void script_answers(std::vector<std::string> answers) {
 void script_trace_handles(std::vector<int> handles) { state().handles.assign(handles.begin(), handles.end()); }
 
 void script_staged_lists(std::vector<std::string> lists) { state().lists.assign(lists.begin(), lists.end()); }
+
+void echo_console_to(int fd) { state().console_echo_fd = fd; }
 
 }  // namespace fcadmin_test
 
@@ -137,6 +142,10 @@ int32_t console_printf(const char *format, ...) {
     int n = vsnprintf(buf, sizeof buf, format, args);
     va_end(args);
     record("console_printf", {buf});
+    if (state().console_echo_fd >= 0 && n > 0) {
+        size_t length = std::min(static_cast<size_t>(n), sizeof buf - 1);
+        if (write(state().console_echo_fd, buf, length) < 0) perror("console echo");
+    }
     return n;
 }
 

@@ -36,4 +36,8 @@ void script_trace_handles(std::vector<int> handles);
 // The list text that stage_export_content writes, one per call.
 void script_staged_lists(std::vector<std::string> lists);
 
+// Also writes the text of every console_printf call to fd (-1, the default, writes nothing). A forked
+// child's calls are recorded in the child only; this lets its parent see them through a pipe.
+void echo_console_to(int fd);
+
 }  // namespace fcadmin_test

@@ -23,6 +23,16 @@ std::map<std::string, HelperFn> &helper_registry() {
     return registry;
 }
 
+int failed_parts() {
+    const ::testing::TestInfo *info = ::testing::UnitTest::GetInstance()->current_test_info();
+    if (info == nullptr) return 0;
+    const ::testing::TestResult *result = info->result();
+    int failed = 0;
+    for (int i = 0; i < result->total_part_count(); ++i)
+        if (result->GetTestPartResult(i).failed()) ++failed;
+    return failed;
+}
+
 }  // namespace
 
 HelperRegistration::HelperRegistration(const char *name, HelperFn fn) { helper_registry()[name] = fn; }
@@ -53,9 +63,11 @@ int run_in_child(const std::function<void()> &body) {
         return -1;
     }
     if (pid == 0) {
+        // Only the child's own failures count: the parent's earlier ones are inherited by the fork.
+        const int before = failed_parts();
         body();
         fflush(nullptr);
-        _exit(::testing::Test::HasFailure() ? 1 : 0);
+        _exit(failed_parts() > before ? 1 : 0);
     }
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
@@ -90,6 +102,11 @@ void write_file(const std::string &path, const std::string &content, int mode) {
 }
 
 bool file_exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
+
+bool under_emulation() {
+    const char *flag = getenv("FCADMIN_UNDER_EMULATION");
+    return flag != nullptr && strcmp(flag, "1") == 0;
+}
 
 int run_program(const std::vector<std::string> &argv, std::string *out,
                 const std::vector<std::string> &extra_env) {

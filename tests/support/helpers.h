@@ -43,4 +43,14 @@ bool file_exists(const std::string &path);
 int run_program(const std::vector<std::string> &argv, std::string *out = nullptr,
                 const std::vector<std::string> &extra_env = {});
 
+// True when the suite runs under user-mode emulation (FCADMIN_UNDER_EMULATION=1, set for the tests of a
+// cross build). A test that cannot work there only for the emulator's sake skips itself with the reason:
+//   FCADMIN_SKIP_UNDER_EMULATION("the emulator does not pass ptrace through");
+bool under_emulation();
+#define FCADMIN_SKIP_UNDER_EMULATION(reason)                                     \
+    do {                                                                         \
+        if (::fcadmin_test::under_emulation())                                   \
+            GTEST_SKIP() << "skipped under emulation: " << (reason);             \
+    } while (0)
+
 }  // namespace fcadmin_test

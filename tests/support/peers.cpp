@@ -4,7 +4,6 @@
 #include "tests/support/helpers.h"
 
 #include <arpa/inet.h>
-#include <crypt.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <pwd.h>
@@ -29,6 +28,8 @@ namespace {
 constexpr char kSshd[] = "/usr/sbin/sshd";
 constexpr char kSshKeygen[] = "/usr/bin/ssh-keygen";
 constexpr char kVsftpd[] = "/usr/sbin/vsftpd";
+// Makes the shadow hash; a program, not libcrypt, so that a cross-built test can use it too.
+constexpr char kOpenssl[] = "/usr/bin/openssl";
 constexpr char kSshClientConfigDir[] = "/etc/ssh/ssh_config.d";
 // sshd refuses to start without its privilege-separation directory.
 constexpr char kSshdRunDir[] = "/run/sshd";
@@ -212,12 +213,13 @@ bool LocalUsers::add(const std::string &name, const std::string &password, const
         error_ = "user " + name + " exists already";
         return false;
     }
-    std::string salt = "$6$fcadminpeers$";
-    const char *hash = crypt(password.c_str(), salt.c_str());
-    if (hash == nullptr || hash[0] == '*') {
-        error_ = errno_text("crypt");
+    std::string hash;
+    if (run_program({kOpenssl, "passwd", "-6", "-salt", "fcadminpeers", password}, &hash) != 0 ||
+        hash.compare(0, 3, "$6$") != 0) {
+        error_ = "openssl passwd failed: " + hash;
         return false;
     }
+    while (!hash.empty() && hash.back() == '\n') hash.pop_back();
     std::string id = std::to_string(uid);
     if (!append(dir_ + "/passwd", name + ":x:" + id + ":" + id + ":fcadmin peer user:" + home + ":/bin/sh\n",
                 &error_) ||

@@ -3,12 +3,39 @@
 # /etc/fcadmin, private overlays over /etc, /var/lib and /run, and the loopback interface up. Nothing the
 # command does to fixed paths, System V keys or ports reaches the machine. As root it needs no user
 # namespace; elsewhere it maps the caller to root in a new one.
+#
+# With FCADMIN_SANDBOX_BINFMT=ppc (set for the tests of a PowerPC cross build) the sandbox also runs
+# PowerPC programs directly: it takes a user namespace of its own, mounts that namespace's private
+# binfmt_misc instance and registers qemu-ppc there, so a test that starts itself again as a helper or
+# starts the built tool gets emulated too. The machine's own binfmt_misc is never touched.
 set -eu
 
 if [ "${FCADMIN_IN_SANDBOX:-}" != 1 ]; then
-    userns=
-    [ "$(id -u)" = 0 ] || userns=--map-root-user
-    FCADMIN_IN_SANDBOX=1 exec unshare $userns --mount --ipc --net --propagation private -- sh "$0" "$@"
+    export FCADMIN_IN_SANDBOX=1
+    if [ -z "${FCADMIN_SANDBOX_BINFMT:-}" ]; then
+        userns=
+        [ "$(id -u)" = 0 ] || userns=--map-root-user
+        exec unshare $userns --mount --ipc --net --propagation private -- sh "$0" "$@"
+    fi
+    if [ "$(id -u)" != 0 ]; then
+        exec unshare --map-root-user --mount --ipc --net --propagation private -- sh "$0" "$@"
+    fi
+    # Root maps every user and group into the new namespace as themselves, so servers that drop to
+    # other users keep working. Only a process outside the namespace may write such a map: a detached
+    # watcher waits for this process to enter its new namespace and writes it, while the process waits
+    # for its map before it goes on (until then it has no user id and would lose its capabilities on
+    # exec). The watcher is detached so that it never turns up as a child of the command.
+    outer=$(readlink /proc/self/ns/user)
+    self=$$
+    ( (
+        while [ "$(readlink /proc/$self/ns/user 2>/dev/null)" = "$outer" ]; do sleep 0.01; done
+        [ -d /proc/$self ] || exit 0
+        echo '0 0 4294967295' >/proc/$self/uid_map
+        echo '0 0 4294967295' >/proc/$self/gid_map
+    ) & )
+    exec unshare --user --mount --ipc --net --propagation private -- \
+        sh -c 'until read -r map </proc/self/uid_map && [ -n "$map" ]; do sleep 0.01; done; exec sh "$@"' \
+        sh "$0" "$@"
 fi
 
 scratch=/mnt
@@ -25,4 +52,27 @@ done
 mkdir -p /etc/fcadmin
 mount -t tmpfs -o mode=0755 fcadmin-tmpfs /etc/fcadmin
 ip link set lo up
+
+if [ -n "${FCADMIN_SANDBOX_BINFMT:-}" ]; then
+    case $FCADMIN_SANDBOX_BINFMT in
+    ppc)
+        # 32-bit big-endian ELF executables and shared objects for PowerPC (machine 20).
+        magic='\x7f\x45\x4c\x46\x01\x02\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\x14'
+        mask='\xff\xff\xff\xff\xff\xff\xff\xfc\xff\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff'
+        : "${QEMU_LD_PREFIX:=/usr/powerpc-linux-gnu}"
+        ;;
+    *)
+        echo "sandbox.sh: no binfmt handler known for '$FCADMIN_SANDBOX_BINFMT'" >&2
+        exit 1
+        ;;
+    esac
+    # The F flag opens the emulator now, so it is found whatever the command later mounts; P keeps
+    # argv[0] as the program was started with.
+    emulator=/usr/libexec/qemu-binfmt/$FCADMIN_SANDBOX_BINFMT-binfmt-P
+    [ -x "$emulator" ] || emulator=$(command -v "qemu-$FCADMIN_SANDBOX_BINFMT")
+    binfmt=/proc/sys/fs/binfmt_misc
+    mount -t binfmt_misc fcadmin-binfmt "$binfmt"
+    printf ':fcadmin-%s:M::%s:%s:%s:PF\n' "$FCADMIN_SANDBOX_BINFMT" "$magic" "$mask" "$emulator" >"$binfmt/register"
+    export QEMU_LD_PREFIX
+fi
 exec "$@"
