@@ -11,7 +11,9 @@ trap 'rm -rf "$tmp"' EXIT
 grep 'FCADMIN_API' "$header" | grep -v '#define' |
     sed -E 's/\(.*//; s/\[.*//; s/;.*//; s/.*[ *]([A-Za-z_][A-Za-z0-9_]*)[[:space:]]*$/\1/' |
     sort -u >"$tmp/header"
-${NM:-nm} -D --defined-only "$library" | awk '{print $3}' | grep -v -E '^(_init|_fini|_edata|_end|__bss_start)$' |
+# AddressSanitizer adds one ODR indicator (__odr_asan.NAME) per exported variable; it is
+# instrumentation, not interface.
+${NM:-nm} -D --defined-only "$library" | awk '{print $3}' | grep -v -E '^(_init|_fini|_edata|_end|__bss_start|__odr_asan[._].*)$' |
     sed 's/@.*//' | sort -u >"$tmp/library"
 
 if ! diff -u "$tmp/header" "$tmp/library"; then

@@ -1,0 +1,110 @@
+// The platform trace service on a host: modules get handles, and every stored line goes to the
+// in-process ring and, when FCADMIN_TRACE_FILE names a file, is appended to that file.
+#include "fcadmin_platform.h"
+
+#include "common/format.h"
+#include "common/unique_fd.h"
+#include "host/trace_ring.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+namespace {
+
+constexpr int32_t kMaxModules = 64;
+constexpr const char *kTraceFileVariable = "FCADMIN_TRACE_FILE";
+
+struct Modules {
+    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    int32_t ids[kMaxModules] = {};
+    int32_t count = 0;
+};
+
+Modules modules;
+
+// A module registered again gets its first handle back, so that a second set-up in one process (a
+// library loaded twice, a channel set up after a failure) does not use up the table.
+int32_t register_module(int32_t module_id) {
+    pthread_mutex_lock(&modules.lock);
+    int32_t handle = -1;
+    for (int32_t i = 0; i < modules.count && handle < 0; ++i)
+        if (modules.ids[i] == module_id) handle = i;
+    if (handle < 0 && modules.count < kMaxModules) {
+        handle = modules.count++;
+        modules.ids[handle] = module_id;
+    }
+    pthread_mutex_unlock(&modules.lock);
+    return handle;
+}
+
+bool known_handle(int32_t handle) {
+    pthread_mutex_lock(&modules.lock);
+    bool known = handle >= 0 && handle < modules.count;
+    pthread_mutex_unlock(&modules.lock);
+    return known;
+}
+
+// "2024-05-01T12:00:00.123456Z 305 2 text": UTC, so that lines of processes in different time
+// zones (a daemon, a login shell) sort together in one trace file.
+size_t format_line(char *line, size_t size, int32_t module_id, int32_t level, const char *text) {
+    struct timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    struct tm utc = {};
+    gmtime_r(&now.tv_sec, &utc);
+    char stamp[32];
+    strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", &utc);
+    size_t n = static_cast<size_t>(fcadmin::bounded_format(line, size, "%s.%06ldZ %d %d %s", stamp,
+                                                           now.tv_nsec / 1000, module_id, level, text));
+    // One line per store: a newline inside the text would split it in the file and the dump.
+    for (size_t i = 0; i < n; ++i)
+        if (line[i] == '\n' || line[i] == '\r') line[i] = ' ';
+    return n;
+}
+
+// The file is opened for each line: the variable may change between lines, and one write() of a
+// whole line to an O_APPEND descriptor keeps lines of concurrent processes from interleaving.
+void append_to_trace_file(const char *line, size_t length) {
+    const char *path = getenv(kTraceFileVariable);
+    if (path == nullptr || *path == '\0') return;
+    fcadmin::unique_fd fd(fcadmin::retry_eintr(
+        [&] { return open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0644); }));
+    if (!fd.valid()) return;
+    char buffer[fcadmin::host::kTraceLineSize + 1];
+    memcpy(buffer, line, length);
+    buffer[length] = '\n';
+    fcadmin::retry_eintr([&] { return write(fd.get(), buffer, length + 1); });
+}
+
+}  // namespace
+
+extern "C" {
+
+FCADMIN_PLATFORM_API int32_t trace_module_init(int32_t *handle, int32_t module_id, int32_t /*size*/,
+                                               const char * /*name*/, uint32_t * /*descriptor*/) {
+    if (handle == nullptr) return -1;
+    int32_t assigned = register_module(module_id);
+    if (assigned < 0) return -1;
+    *handle = assigned;
+    return 0;
+}
+
+// A handle of -1 (a channel that was never set up, or whose set-up failed) is dropped without a word:
+// the library stores without testing its handles first.
+FCADMIN_PLATFORM_API int32_t trace_module_store_lvl(int32_t handle, int32_t module_id, int32_t level,
+                                                    int32_t /*flags*/, const char *text) {
+    if (handle == -1) return 0;
+    if (!known_handle(handle) || text == nullptr) return -1;
+    char line[fcadmin::host::kTraceLineSize];
+    size_t length = format_line(line, sizeof line, module_id, level, text);
+    fcadmin::host::trace_ring_append(line);
+    append_to_trace_file(line, length);
+    return 0;
+}
+
+}  // extern "C"
