@@ -1,7 +1,7 @@
 // fcadmin_test_peers: starts and stops the throwaway transfer peers from a shell (the demo), inside the
 // test sandbox only. `start DIR` leaves sshd on port 22 of 127.0.0.1 and ::1 and vsftpd on port 21 of
-// each running, with the user j.doe (password "p w", home DIR/home/j.doe) and the machine's ssh client
-// pointed at the peer's key; `stop DIR` ends them.
+// each running, with the user j.doe (password "p@ss:w0rd", home DIR/home/j.doe) and the machine's ssh
+// client pointed at the peer's key; `stop DIR` ends them.
 #include "tests/support/helpers.h"
 #include "tests/support/peers.h"
 
@@ -14,7 +14,7 @@ using namespace fcadmin_test;
 namespace {
 
 constexpr char kUser[] = "j.doe";
-constexpr char kPassword[] = "p w";
+constexpr char kPassword[] = "p@ss:w0rd";
 constexpr uid_t kUid = 4242;
 
 int fail(const std::string &what) {
