@@ -122,17 +122,6 @@ TEST(Fetch, AsksForThePasswordOnlyAfterBothKeyBasedAttemptsFail) {
                   "-oSSHPassword=typed pw -oStrictHostKeyChecking=no admin@[h]:f /tmp/f");
         EXPECT_STREQ(r.password, "typed pw");
     });
-    EXPECT_IN_CHILD({
-        terminal_on_stdin();
-        reset_platform();
-        set_default_result("ork_infra_system", 1);
-        set_default_result("ork_verify_password", 0);
-        TransferRequest r = request("sftp", "admin", "", "h", "f");
-        EXPECT_EQ(copyRemoteFileToLocalSystem(&r, "/tmp/f", kPlatformRunner), -5);
-        EXPECT_EQ(platform_calls_of("ork_infra_scanf").size(), 3u);
-        EXPECT_EQ(platform_commands().size(), 2u);
-        EXPECT_EQ(platform_calls_of("geps_2env").size(), 1u);
-    });
     // An anonymous user gets the password attempt without being asked, with an empty password.
     reset_platform();
     set_default_result("ork_infra_system", 1);
