@@ -1,6 +1,7 @@
 // The two trace channels, their set-up and the line convention; the weak hook esm_trace.
 #include "shm/trace.h"
 
+#include "common/format.h"
 #include "fcadmin.h"
 #include "fcadmin_platform.h"
 
@@ -20,6 +21,9 @@ constexpr int32_t kStoreFlags = 5;
 constexpr int32_t kModuleSize = 2048;
 constexpr uint32_t kMessageBufferSize = 128;
 constexpr const char *kModuleName = "FCADMIN";
+
+static_assert(sizeof admin_msg_buff == kMessageBufferSize && sizeof admin_detail_msg_buff == kMessageBufferSize,
+              "the descriptor announces the size of the message buffers");
 
 }  // namespace
 
@@ -49,8 +53,8 @@ void set_descriptor(uint32_t descriptor[5]) {
 void vtrace(fcadmin::TraceChannel channel, const char *format, va_list args) {
     const bool general = channel == fcadmin::TraceChannel::general;
     char *buffer = general ? admin_msg_buff : admin_detail_msg_buff;
-    memset(buffer, 0, sizeof admin_msg_buff);
-    vsnprintf(buffer, sizeof admin_msg_buff, format, args);
+    memset(buffer, 0, kMessageBufferSize);
+    fcadmin::bounded_vformat(buffer, kMessageBufferSize, format, args);
     trace_module_store_lvl(general ? admin_trhdl : admin_detail_trhdl,
                            general ? kGeneralModuleId : kDetailModuleId, general ? kGeneralLevel : kDetailLevel,
                            kStoreFlags, buffer);

@@ -313,7 +313,7 @@ TEST_F(FileCopy, AnUnallocatableSourceReportsTheLineOfTheAllocation) {
     write_file(dst, "old destination");
     int fd = open(src.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     ASSERT_GE(fd, 0);
-    ASSERT_EQ(ftruncate(fd, off_t{1} << 50), 0);
+    ASSERT_EQ(ftruncate(fd, static_cast<off_t>(uint64_t{1} << 50)), 0);
     ::close(fd);
 
     // The number is the line of the copy's source that allocates the block.

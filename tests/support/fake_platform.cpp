@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <map>
 
 #include <unistd.h>
@@ -24,6 +25,7 @@ struct State {
     std::deque<int> handles;
     std::deque<std::string> lists;
     int console_echo_fd = -1;
+    std::map<std::string, std::function<void()>> hooks;
 };
 
 State &state() {
@@ -46,6 +48,8 @@ int next_result(const std::string &name) {
 
 void record(const std::string &name, std::vector<std::string> args) {
     state().calls.push_back({name, std::move(args)});
+    auto hook = state().hooks.find(name);
+    if (hook != state().hooks.end()) hook->second();
 }
 
 }  // namespace
@@ -63,6 +67,10 @@ std::vector<std::string> platform_call_names() {
     std::vector<std::string> out;
     for (const auto &c : state().calls) out.push_back(c.name);
     return out;
+}
+
+void on_platform_call(const std::string &name, std::function<void()> hook) {
+    state().hooks[name] = std::move(hook);
 }
 
 void reset_platform() { state() = State{}; }

@@ -2,6 +2,7 @@
 // returns a scripted value (0 when nothing is scripted).
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -35,6 +36,10 @@ void script_answers(std::vector<std::string> answers);
 void script_trace_handles(std::vector<int> handles);
 // The list text that stage_export_content writes, one per call.
 void script_staged_lists(std::vector<std::string> lists);
+
+// Runs hook inside every call of a service, after the call is recorded and before it returns, so that
+// a test can look at process state at that moment (the terminal's echo while a password is read).
+void on_platform_call(const std::string &name, std::function<void()> hook);
 
 // Also writes the text of every console_printf call to fd (-1, the default, writes nothing). A forked
 // child's calls are recorded in the child only; this lets its parent see them through a pipe.

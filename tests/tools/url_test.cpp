@@ -126,6 +126,9 @@ TEST(TransferUrl, PercentEscapesInCredentials) {
     EXPECT_EQ(refused("scp://u:x%20-oProxyCommand=id@h/f"),
               "the password contains a blank or a control character, which a transfer command line cannot carry");
     refused("scp://u%0a@h/f");
+    // The ftp fetch percent-encodes its credentials, so a blank is carried safely there.
+    EXPECT_STREQ(parsed("ftp://j.doe:p%20w@h/f").password, "p w");
+    refused("ftp://j.doe:p%0aw@h/f");
 }
 
 TEST(TransferUrl, FieldsThatDoNotFit) {

@@ -3,6 +3,7 @@
 
 #include "common/format.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 
 #include <cctype>
@@ -55,8 +56,10 @@ int hex_value(char c) {
     return -1;
 }
 
-// Decodes %XX escapes. The text of a credential is never echoed in the messages.
-bool percent_decode(std::string_view text, const char *what, std::string *decoded, std::string *error) {
+// Decodes %XX escapes. The text of a credential is never echoed in the messages. A blank is allowed
+// only where the transfer encodes the credential before it reaches a command line (ftp's fetch).
+bool percent_decode(std::string_view text, const char *what, bool blank_allowed, std::string *decoded,
+                    std::string *error) {
     decoded->clear();
     for (size_t i = 0; i < text.size(); ++i) {
         if (text[i] != '%') {
@@ -71,7 +74,9 @@ bool percent_decode(std::string_view text, const char *what, std::string *decode
         i += 2;
     }
     if (decoded->find('\0') != std::string::npos) return fail(error, std::string("the ") + what + " contains a NUL byte (%00)");
-    if (blank_or_control(*decoded))
+    std::string checked = *decoded;
+    if (blank_allowed) std::replace(checked.begin(), checked.end(), ' ', '_');
+    if (blank_or_control(checked))
         return fail(error, std::string("the ") + what +
                                " contains a blank or a control character, which a transfer command line cannot carry");
     return true;
@@ -205,8 +210,10 @@ bool parse_transfer_url(const char *url, TransferRequest *out, std::string *erro
         const std::string_view user_info = authority.substr(0, at);
         const size_t colon = user_info.find(':');
         std::string user, password;
-        if (!percent_decode(user_info.substr(0, colon), "user name", &user, error)) return false;
-        if (colon != std::string_view::npos && !percent_decode(user_info.substr(colon + 1), "password", &password, error))
+        const bool encoded = protocol == "ftp";
+        if (!percent_decode(user_info.substr(0, colon), "user name", encoded, &user, error)) return false;
+        if (colon != std::string_view::npos &&
+            !percent_decode(user_info.substr(colon + 1), "password", encoded, &password, error))
             return false;
         if (!store(request.user_name, user, "user name", error) || !store(request.password, password, "password", error))
             return false;

@@ -15,8 +15,9 @@ namespace fcadmin_tool {
 //   - PORT defaults to 22 for scp and sftp, to 0 (the tool's default) for ftp.
 //   - PATH keeps its leading "/" for scp and sftp ("/~/x" gives "~/x", relative to the home
 //     directory) and loses it for ftp (relative to the login directory, as in ftp URLs).
-// Blanks and control characters are refused everywhere: the transfer command lines are split at
-// blanks, so such a byte would turn one word into two. On failure *out is unchanged and *error says
+// Blanks and control characters are refused (the transfer command lines are split at blanks, so such
+// a byte would turn one word into two), except a blank in ftp credentials, which the fetch
+// percent-encodes; a caller that passes ftp credentials as they stand must refuse blanks itself. On failure *out is unchanged and *error says
 // what is wrong (never repeating the password).
 bool parse_transfer_url(const char *url, TransferRequest *out, std::string *error);
 
