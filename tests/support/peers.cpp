@@ -398,7 +398,7 @@ bool FtpPeer::start() {
         "background=NO\n"
         "anonymous_enable=NO\n"
         "local_enable=YES\n"
-        "write_enable=NO\n"
+        + std::string(options_.writable ? "write_enable=YES\nlocal_umask=022\n" : "write_enable=NO\n") +
         "chroot_local_user=NO\n"
         "connect_from_port_20=NO\n"
         "pam_service_name=" + kFtpPamService + "\n"

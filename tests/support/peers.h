@@ -90,8 +90,8 @@ private:
 };
 
 // vsftpd on one loopback address (one instance cannot listen on IPv4 and IPv6 at once): local users
-// log in with their password through a PAM service of the peer's own (pam_unix only), read-only, in
-// their home directory. Paths in ftp URLs are therefore relative to the user's home.
+// log in with their password through a PAM service of the peer's own (pam_unix only), read-only unless
+// made writable, in their home directory. Paths in ftp URLs are therefore relative to the user's home.
 class FtpPeer {
 public:
     struct Options {
@@ -99,6 +99,7 @@ public:
         std::string address = "127.0.0.1"; // "127.0.0.1" or "::1"
         int port = 21;
         bool outlive_starter = false;  // else vsftpd gets SIGTERM when the starting process ends
+        bool writable = false;         // users may also upload into their home (files mode 0644)
     };
     explicit FtpPeer(Options options);
     ~FtpPeer();
