@@ -1,9 +1,11 @@
 // fcadmin_test_peers: starts and stops the throwaway transfer peers from a shell (the demo), inside the
 // test sandbox only. `start DIR` leaves sshd on port 22 of 127.0.0.1 and ::1 and vsftpd on port 21 of
 // each running, with the user j.doe (password "p@ss:w0rd", home DIR/home/j.doe) and the machine's ssh
-// client pointed at the peer's key; `stop DIR` ends them.
+// client pointed at the peer's key; `stop DIR` ends them and takes back start's mounts.
 #include "tests/support/helpers.h"
 #include "tests/support/peers.h"
+
+#include <sys/mount.h>
 
 #include <cstdio>
 #include <cstring>
@@ -43,9 +45,14 @@ int start(const std::string &dir) {
 }
 
 int stop(const std::string &dir) {
+    if (!in_sandbox()) return fail("refusing to run outside the test sandbox");
     std::istringstream pids(read_file(dir + "/pids"));
     for (pid_t pid; pids >> pid;) stop_server(pid);
     unlink((dir + "/pids").c_str());
+    // Takes back the bind mounts of start (the users' files and the client's configuration), which
+    // outlive this process in the sandbox's mount namespace: a later start begins afresh.
+    for (const char *path : {"/etc/ssh/ssh_config.d", "/etc/group", "/etc/shadow", "/etc/passwd"})
+        umount2(path, MNT_DETACH);
     return 0;
 }
 
