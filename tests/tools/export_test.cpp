@@ -50,12 +50,9 @@ TEST(ExportTool, RefusesAllWithoutDirectory) {
 
     // Usage mistakes: status 2 and nothing staged.
     for (auto args : std::vector<std::vector<std::string>>{{"export", "--all", "--dir", "/d"},
-                                                           {"export", "scp://a@h/x"},
                                                            {"export", "scp://a@h/x", "--all", "--item", "i"},
-                                                           {"export", "scp://a@h/x", "--item"},
                                                            {"export", "scp://a@h/x", "--item", std::string(24, 'i')},
-                                                           {"export", "scp://a@h/x", "--all", "--dir", std::string(80, 'd')},
-                                                           {"export", "scp://a@h/x", "--all", "--bogus"}}) {
+                                                           {"export", "scp://a@h/x", "--all", "--dir", std::string(80, 'd')}}) {
         EXPECT_EQ(run_tool(args).status, 2) << args.back();
     }
     EXPECT_TRUE(platform_calls().empty());
