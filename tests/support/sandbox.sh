@@ -45,10 +45,31 @@ for dir in /etc /var/lib /run; do
     mkdir -p "$scratch/$name/upper" "$scratch/$name/work"
     mount -t overlay "fcadmin$name" -o "lowerdir=$dir,upperdir=$scratch/$name/upper,workdir=$scratch/$name/work" "$dir"
 done
-umount -l "$scratch"
+
+# The project and the current directory stay visible even when they lie under a directory that gets a
+# tmpfs (a clone under /tmp, say): they are set aside first and bound back into the fresh tmpfs.
+project=$(cd "$(dirname "$0")/../.." && pwd -P)
+keep="$project $(pwd -P) ${FCADMIN_SANDBOX_KEEP:-}"
+kept=0
 for dir in /tmp /var/tmp /var/log; do
+    saved=
+    for path in $keep; do
+        case $path in "$dir"/*)
+            kept=$((kept + 1))
+            mkdir -p "$scratch/keep/$kept"
+            mount --bind "$path" "$scratch/keep/$kept"
+            saved="$saved $kept:$path"
+            ;;
+        esac
+    done
     mount -t tmpfs -o mode=1777 "fcadmin-tmpfs" "$dir"
+    for entry in $saved; do
+        path=${entry#*:}
+        mkdir -p "$path"
+        mount --bind "$scratch/keep/${entry%%:*}" "$path"
+    done
 done
+umount -l "$scratch"
 mkdir -p /etc/fcadmin
 mount -t tmpfs -o mode=0755 fcadmin-tmpfs /etc/fcadmin
 ip link set lo up
