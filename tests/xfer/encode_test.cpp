@@ -16,8 +16,8 @@ struct FreeDeleter {
 };
 using Encoded = std::unique_ptr<char, FreeDeleter>;
 
-Encoded scp(const char *text, uint32_t size) { return Encoded(admin_convert_username_and_password_for_scp(text, size)); }
-Encoded ftp(const char *text, uint32_t size) { return Encoded(admin_convert_username_and_password_for_ftp(text, size)); }
+Encoded scp(const char *text, uint32_t n) { return Encoded(admin_convert_username_and_password_for_scp(text, n)); }
+Encoded ftp(const char *text, uint32_t n) { return Encoded(admin_convert_username_and_password_for_ftp(text, n)); }
 
 TransferRequest request(const char *protocol, const std::string &user, const std::string &password) {
     TransferRequest r{};
@@ -32,7 +32,8 @@ TEST(ProtocolMatches, FieldIsComparedOverItsOwnLength) {
     for (const char *field : {"ftp", "f", ""}) EXPECT_TRUE(protocol_matches(field, "ftp")) << field;
     EXPECT_TRUE(protocol_matches("sf", "sftp"));
     EXPECT_FALSE(protocol_matches("sf", "scp"));
-    for (const char *field : {"ftpx", "FTP", static_cast<const char *>(nullptr)}) EXPECT_FALSE(protocol_matches(field, "ftp"));
+    for (const char *field : {"ftpx", "FTP", static_cast<const char *>(nullptr)})
+        EXPECT_FALSE(protocol_matches(field, "ftp"));
     EXPECT_FALSE(protocol_matches("ftp", nullptr));
     // A field filled to its last byte is read no further than the field.
     std::unique_ptr<char[]> full(new char[fcadmin::kProtocolFieldSize]);
