@@ -35,14 +35,17 @@ State &state() {
 
 std::string text(const char *s) { return s == nullptr ? "(null)" : s; }
 
+template <typename T>
+T take_front(std::deque<T> &queue) {
+    T front = std::move(queue.front());
+    queue.pop_front();
+    return front;
+}
+
 int next_result(const std::string &name) {
     auto &queue = state().results[name];
-    if (!queue.empty()) {
-        int r = queue.front();
-        queue.pop_front();
-        return r;
-    }
-    auto it = state().defaults.find(name);
+    if (!queue.empty()) return take_front(queue);
+    const auto it = state().defaults.find(name);
     return it == state().defaults.end() ? 0 : it->second;
 }
 
@@ -76,8 +79,7 @@ void on_platform_call(const std::string &name, std::function<void()> hook) {
 void reset_platform() { state() = State{}; }
 
 void script_results(const std::string &name, std::vector<int> results) {
-    auto &queue = state().results[name];
-    queue.assign(results.begin(), results.end());
+    state().results[name].assign(results.begin(), results.end());
 }
 
 void set_default_result(const std::string &name, int result) { state().defaults[name] = result; }
@@ -103,11 +105,7 @@ int32_t trace_module_init(int32_t *handle, int32_t module_id, int32_t size, cons
     std::vector<std::string> args = {std::to_string(module_id), std::to_string(size), text(name)};
     for (int i = 0; i < 5; ++i) args.push_back(descriptor ? std::to_string(descriptor[i]) : "(null)");
     record("trace_module_init", args);
-    int h = module_id == 305 ? 7 : 8;
-    if (!state().handles.empty()) {
-        h = state().handles.front();
-        state().handles.pop_front();
-    }
+    const int h = state().handles.empty() ? (module_id == 305 ? 7 : 8) : take_front(state().handles);
     if (handle != nullptr) *handle = h;
     return next_result("trace_module_init");
 }
@@ -129,9 +127,8 @@ int32_t ork_infra_system(const char *command, int32_t options, const char *redir
 int32_t ork_infra_scanf(const char *prompt, char *answer, int32_t limit) {
     record("ork_infra_scanf", {text(prompt), std::to_string(limit)});
     if (!state().answers.empty() && answer != nullptr && limit > 0) {
-        std::string a = state().answers.front();
-        state().answers.pop_front();
-        size_t n = std::min(a.size(), static_cast<size_t>(limit) - 1);
+        const std::string a = take_front(state().answers);
+        const size_t n = std::min(a.size(), static_cast<size_t>(limit) - 1);
         memcpy(answer, a.data(), n);
         answer[n] = '\0';
     }
@@ -169,10 +166,7 @@ void MD5_hash_compute(unsigned char digest[16], const unsigned char *data, uint3
 
 int32_t stage_export_content(const char *selector, const char *item, char list[1280]) {
     record("stage_export_content", {text(selector), text(item)});
-    if (!state().lists.empty() && list != nullptr) {
-        snprintf(list, 1280, "%s", state().lists.front().c_str());
-        state().lists.pop_front();
-    }
+    if (!state().lists.empty() && list != nullptr) snprintf(list, 1280, "%s", take_front(state().lists).c_str());
     return next_result("stage_export_content");
 }
 

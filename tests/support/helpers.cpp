@@ -25,12 +25,17 @@ std::map<std::string, HelperFn> &helper_registry() {
 
 int failed_parts() {
     const ::testing::TestInfo *info = ::testing::UnitTest::GetInstance()->current_test_info();
-    if (info == nullptr) return 0;
-    const ::testing::TestResult *result = info->result();
     int failed = 0;
-    for (int i = 0; i < result->total_part_count(); ++i)
-        if (result->GetTestPartResult(i).failed()) ++failed;
+    for (int i = 0; info != nullptr && i < info->result()->total_part_count(); ++i)
+        failed += info->result()->GetTestPartResult(i).failed() ? 1 : 0;
     return failed;
+}
+
+int wait_for(pid_t pid) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status;
 }
 
 }  // namespace
@@ -41,7 +46,7 @@ HelperRegistration::HelperRegistration(const char *name, HelperFn fn) { helper_r
 int run_requested_helper(int argc, char **argv) {
     const char *name = getenv("FCADMIN_TEST_HELPER");
     if (name == nullptr || *name == '\0') return -1;
-    auto it = helper_registry().find(name);
+    const auto it = helper_registry().find(name);
     if (it == helper_registry().end()) {
         fprintf(stderr, "no test helper named %s\n", name);
         return 126;
@@ -57,7 +62,7 @@ std::string self_exe() {
 
 int run_in_child(const std::function<void()> &body) {
     fflush(nullptr);
-    pid_t pid = fork();
+    const pid_t pid = fork();
     if (pid < 0) {
         ADD_FAILURE() << "fork: " << strerror(errno);
         return -1;
@@ -69,10 +74,7 @@ int run_in_child(const std::function<void()> &body) {
         fflush(nullptr);
         _exit(failed_parts() > before ? 1 : 0);
     }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return status;
+    return wait_for(pid);
 }
 
 void private_mounts() {
@@ -87,9 +89,8 @@ void bind_mount(const std::string &source, const std::string &target) {
 }
 
 std::string read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(path, std::ios::binary).rdbuf();
     return s.str();
 }
 
@@ -134,10 +135,7 @@ int run_program(const std::vector<std::string> &argv, std::string *out,
         while ((n = read(pipefd[0], buf, sizeof buf)) > 0) out->append(buf, static_cast<size_t>(n));
         close(pipefd[0]);
     }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return status;
+    return wait_for(pid);
 }
 
 }  // namespace fcadmin_test
