@@ -290,7 +290,10 @@ TEST_F(FileCopy, EveryFailureTracesItsLineAndLeavesTheDestinationAsItWas) {
             const rlimit limit{4096, 4096};
             switch (row.temporary) {
             case a_directory: ASSERT_EQ(mkdir(tmp.c_str(), 0755), 0); break;
-            case partial: signal(SIGXFSZ, SIG_IGN), setrlimit(RLIMIT_FSIZE, &limit); break;
+            case partial:
+                signal(SIGXFSZ, SIG_IGN);
+                ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+                break;
             default: break;
             }
             EXPECT_EQ(copy(row.fail_call, row.fail_label, row.err), -9);
