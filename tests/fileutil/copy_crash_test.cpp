@@ -25,10 +25,9 @@ namespace {
 
 unsigned long env_number(const char *name, unsigned long fallback) {
     const char *text = getenv(name);
-    if (text == nullptr || *text == '\0') return fallback;
     char *end = nullptr;
-    const unsigned long value = strtoul(text, &end, 10);
-    return *end == '\0' ? value : fallback;
+    const unsigned long value = text != nullptr && *text != '\0' ? strtoul(text, &end, 10) : fallback;
+    return end == nullptr || *end == '\0' ? value : fallback;
 }
 
 // Two contents of different sizes, each recognisable as a whole: a truncated, a mixed or an empty
@@ -38,20 +37,6 @@ std::string content(char fill, size_t size) {
     s.front() = '<';
     s.back() = '>';
     return s;
-}
-
-// The child: replaces the destination alternately with the two sources, for ever. It reports on the
-// pipe once the first copy is done, so that kills land in the loop, not in the start-up.
-[[noreturn]] void replace_forever(const std::string &a, const std::string &b, const std::string &dst, int ready) {
-    bool sent = false;
-    for (;;) {
-        const bool ok = admin_file_copy(a.c_str(), dst.c_str()) == 0 && admin_file_copy(b.c_str(), dst.c_str()) == 0;
-        if (!ok) _exit(3);
-        if (!sent) {
-            const char byte = 1;
-            sent = write(ready, &byte, 1) == 1;
-        }
-    }
 }
 
 TEST(FileCopyCrash, AKilledCopyLeavesOneWholeContent) {
@@ -79,15 +64,22 @@ TEST(FileCopyCrash, AKilledCopyLeavesOneWholeContent) {
         const pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0) {
+            // Replaces the destination alternately with the two sources for ever, and reports once the
+            // first round is done, so that kills land in the loop, not in the start-up.
             close(ready[0]);
-            replace_forever(a, b, dst, ready[1]);
+            for (bool sent = false;;) {
+                if (admin_file_copy(a.c_str(), dst.c_str()) != 0 || admin_file_copy(b.c_str(), dst.c_str()) != 0)
+                    _exit(3);
+                const char byte = 1;
+                if (!sent) sent = write(ready[1], &byte, 1) == 1;
+            }
         }
         close(ready[1]);
         char byte = 0;
         const ssize_t got = read(ready[0], &byte, 1);
         close(ready[0]);
+        int status = 0;
         if (got != 1) {
-            int status = 0;
             waitpid(child, &status, 0);
             FAIL() << "the copying child ended before its first copy, status " << status;
         }
@@ -99,19 +91,15 @@ TEST(FileCopyCrash, AKilledCopyLeavesOneWholeContent) {
         const timespec pause{0, delay_ns(random)};
         nanosleep(&pause, nullptr);
         ASSERT_EQ(kill(child, SIGKILL), 0);
-        int status = 0;
         while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
         }
         ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
             << "the child ended on its own (status " << status << "): a copy failed";
 
         const std::string after = read_file(dst);
-        if (after == big)
-            ++was_big;
-        else if (after == small)
-            ++was_small;
-        else
-            ++partial;
+        was_big += after == big;
+        was_small += after == small;
+        partial += after != big && after != small;
         temporary_left += file_exists(dst + ".tmp");
     }
 

@@ -31,44 +31,40 @@ std::set<std::string> staged_names() {
     return names;
 }
 
-mode_t mode_of(const std::string &path) {
-    struct stat st = {};
-    stat(path.c_str(), &st);
-    return st.st_mode & 07777;
+// Stages and returns "<count> <list>"; the list buffer starts full of garbage.
+std::string stage(const char *selector, const char *item) {
+    char list[FCADMIN_EXPORT_LIST_SIZE];
+    memset(list, 'x', sizeof list);
+    const int count = stage_export_content(selector, item, list);
+    return std::to_string(count) + " " + std::string(list, strnlen(list, sizeof list));
 }
-
-struct List {
-    char text[FCADMIN_EXPORT_LIST_SIZE];
-    List() { memset(text, 'x', sizeof text); }
-};
 
 }  // namespace
 
-TEST(HostStage, BadArgumentsAndMissingItems) {
+TEST(HostStage, OneItemUnderItsOwnOrTheGivenNameAndRefusals) {
     fresh_dirs();
-    write_file(kSource + "/config", "c");
-    List list;
-    EXPECT_EQ(stage_export_content("config", nullptr, nullptr), -8);
-    EXPECT_EQ(stage_export_content(nullptr, nullptr, list.text), -8);
-    EXPECT_EQ(list.text[0], '\0');
-    EXPECT_EQ(stage_export_content("", nullptr, list.text), -8);
-    EXPECT_EQ(stage_export_content("../etc/passwd", nullptr, list.text), -8);
-    EXPECT_EQ(stage_export_content("all/", nullptr, list.text), -8);
-    // The staged name must stay inside the staging directory and survive the blank-separated list.
-    EXPECT_EQ(stage_export_content("config", "..", list.text), -8);
-    EXPECT_EQ(stage_export_content("config", "two words", list.text), -8);
-    EXPECT_EQ(stage_export_content("config", "tab\tname", list.text), -8);
-
-    EXPECT_EQ(stage_export_content("missing", nullptr, list.text), -1);
-    EXPECT_EQ(stage_export_content("..", nullptr, list.text), -8);
+    write_file(kSource + "/config", "running config\n");
     fs::create_directory(kSource + "/subdir");
-    EXPECT_EQ(stage_export_content("subdir", nullptr, list.text), -1);
-    EXPECT_EQ(list.text[0], '\0');
+    // The staged name must stay inside the staging directory and survive the blank-separated list.
+    const char *refused[][2] = {{"", nullptr},       {"../etc/passwd", nullptr}, {"..", nullptr},
+                                {"config", ".."},    {"config", "/backups/.."},  {"config", "two words"}};
+    for (const auto &r : refused) EXPECT_EQ(stage(r[0], r[1]), "-8 ") << r[0] << " " << (r[1] ? r[1] : "");
+    EXPECT_EQ(stage("missing", nullptr), "-1 ");
+    EXPECT_EQ(stage("subdir", nullptr), "-1 ");
+    EXPECT_EQ(stage(nullptr, nullptr), "-8 ");
+    EXPECT_EQ(stage_export_content("config", nullptr, nullptr), -8);
     EXPECT_FALSE(file_exists(kStaging)) << "nothing staged, nothing created";
 
+    // An item given as a path is staged under its file name; one ending in "/" names no file.
+    const char *named[][2] = {{nullptr, "config"}, {"", "config"}, {"/backups/sw1/today.cfg", "today.cfg"},
+                              {"backups/", "config"}, {"switch1.cfg", "switch1.cfg"}};
+    for (const auto &n : named) EXPECT_EQ(stage("config", n[0]), "1 " + kStaging + n[1]);
+    EXPECT_EQ(staged_names(), (std::set<std::string>{"switch1.cfg"}));
+    EXPECT_EQ(read_file(kStaging + "switch1.cfg"), "running config\n");
+
     fs::remove_all(kSource);
-    EXPECT_EQ(stage_export_content("all", nullptr, list.text), 0);
-    EXPECT_EQ(stage_export_content("config", nullptr, list.text), -1);
+    EXPECT_EQ(stage("all", nullptr), "0 ");
+    EXPECT_EQ(stage("config", nullptr), "-1 ");
 }
 
 TEST(HostStage, AllStagesEveryRegularFileInNameOrder) {
@@ -84,42 +80,17 @@ TEST(HostStage, AllStagesEveryRegularFileInNameOrder) {
     write_file(kStaging + "stale", "old");
 
     umask(077);
-    List list;
-    EXPECT_EQ(stage_export_content("all", "ignored", list.text), 4);
-    EXPECT_EQ(std::string(list.text), kStaging + "alpha.log " + kStaging + "beta.lnk " + kStaging + "outside-link " +
-                                          kStaging + "zone.cfg");
+    const std::string expected = "4 " + kStaging + "alpha.log " + kStaging + "beta.lnk " + kStaging +
+                                 "outside-link " + kStaging + "zone.cfg";
+    EXPECT_EQ(stage("all", "ignored"), expected);
     EXPECT_EQ(staged_names(), (std::set<std::string>{"alpha.log", "beta.lnk", "outside-link", "zone.cfg"}));
-    EXPECT_EQ(read_file(kStaging + "zone.cfg"), "zones\n");
     EXPECT_EQ(read_file(kStaging + "beta.lnk"), "alpha\n");
     EXPECT_FALSE(fs::is_symlink(kStaging + "beta.lnk"));
     // Readable by the transfer tools whatever the umask.
-    EXPECT_EQ(mode_of(kStaging + "zone.cfg"), 0644u);
-    EXPECT_EQ(mode_of(kStaging), 0755u);
+    EXPECT_EQ(fs::status(kStaging + "zone.cfg").permissions(), fs::perms(0644));
+    EXPECT_EQ(fs::status(kStaging).permissions(), fs::perms(0755));
     umask(022);
-
-    List again;
-    EXPECT_EQ(stage_export_content("allx", nullptr, again.text), 4);
-    EXPECT_STREQ(again.text, list.text);
-}
-
-TEST(HostStage, OneItemUnderItsOwnOrTheGivenName) {
-    fresh_dirs();
-    write_file(kSource + "/config", "running config\n");
-    List list;
-    EXPECT_EQ(stage_export_content("config", nullptr, list.text), 1);
-    EXPECT_EQ(std::string(list.text), kStaging + "config");
-    EXPECT_EQ(stage_export_content("config", "", list.text), 1);
-    EXPECT_EQ(std::string(list.text), kStaging + "config");
-    EXPECT_EQ(stage_export_content("config", "switch1.cfg", list.text), 1);
-    EXPECT_EQ(std::string(list.text), kStaging + "switch1.cfg");
-    EXPECT_EQ(staged_names(), (std::set<std::string>{"switch1.cfg"}));
-    EXPECT_EQ(read_file(kStaging + "switch1.cfg"), "running config\n");
-    // An item given as a path is staged under its file name; one ending in "/" names no file.
-    EXPECT_EQ(stage_export_content("config", "/backups/sw1/today.cfg", list.text), 1);
-    EXPECT_EQ(std::string(list.text), kStaging + "today.cfg");
-    EXPECT_EQ(stage_export_content("config", "backups/", list.text), 1);
-    EXPECT_EQ(std::string(list.text), kStaging + "config");
-    EXPECT_EQ(stage_export_content("config", "/backups/..", list.text), -8);
+    EXPECT_EQ(stage("allx", nullptr), expected);
 }
 
 TEST(HostStage, StagingDirectoryThatCannotBeUsed) {
@@ -127,21 +98,19 @@ TEST(HostStage, StagingDirectoryThatCannotBeUsed) {
     write_file(kSource + "/config", "c");
     std::string staging = kStaging;
     staging.pop_back();
-    List list;
     write_file(staging, "a file where the directory belongs");
-    EXPECT_EQ(stage_export_content("config", nullptr, list.text), -49);
-    EXPECT_EQ(stage_export_content("all", nullptr, list.text), -49);
+    EXPECT_EQ(stage("config", nullptr), "-49 ");
+    EXPECT_EQ(stage("all", nullptr), "-49 ");
     fs::remove(staging);
     // A link planted in the world-writable parent would send the copies elsewhere.
     fs::create_directories("/tmp/elsewhere");
     fs::create_directory_symlink("/tmp/elsewhere", staging);
-    EXPECT_EQ(stage_export_content("config", nullptr, list.text), -49);
+    EXPECT_EQ(stage("config", nullptr), "-49 ");
     EXPECT_FALSE(file_exists("/tmp/elsewhere/config"));
-    EXPECT_EQ(list.text[0], '\0');
     fs::remove(staging);
     fs::create_directory(staging);
-    chown(staging.c_str(), 12345, 12345);
-    EXPECT_EQ(stage_export_content("config", nullptr, list.text), -49);
+    ASSERT_EQ(chown(staging.c_str(), 12345, 12345), 0);
+    EXPECT_EQ(stage("config", nullptr), "-49 ");
 }
 
 TEST(HostStage, ListNeverOverflowsAndMatchesTheStagingDirectory) {
@@ -151,13 +120,12 @@ TEST(HostStage, ListNeverOverflowsAndMatchesTheStagingDirectory) {
         snprintf(name, sizeof name, "item-%03d-%s", i, std::string(30, 'n').c_str());
         write_file(kSource + "/" + name, name);
     }
-    List list;
-    int staged = stage_export_content("all", nullptr, list.text);
-    const std::string text(list.text, strnlen(list.text, sizeof list.text));
-    ASSERT_LT(text.size(), sizeof list.text);
-    const size_t per_item = kStaging.size() + 39;
-    EXPECT_EQ(staged, static_cast<int>((sizeof list.text) / (per_item + 1)));
+    char list[FCADMIN_EXPORT_LIST_SIZE];
+    memset(list, 'x', sizeof list);
+    const int staged = stage_export_content("all", nullptr, list);
+    const std::string text(list, strnlen(list, sizeof list));
+    ASSERT_LT(text.size(), sizeof list);
+    EXPECT_EQ(staged, static_cast<int>(sizeof list / (kStaging.size() + 39 + 1)));
     EXPECT_EQ(staged_names().size(), static_cast<size_t>(staged));
-    EXPECT_TRUE(text.ends_with(kStaging + "item-0" + std::to_string(staged - 1) + "-" + std::string(30, 'n')))
-        << text;
+    EXPECT_TRUE(text.ends_with(kStaging + "item-0" + std::to_string(staged - 1) + "-" + std::string(30, 'n'))) << text;
 }

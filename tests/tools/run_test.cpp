@@ -25,53 +25,36 @@ FCADMIN_TEST_HELPER(run_tool) {
     return atoi(argv[2]);
 }
 
-struct ToolRun {
-    int status;
-    std::string err;
-};
-
-// Runs the tool in a forked child with standard error in a file.
-ToolRun run_tool(std::vector<std::string> args) {
-    const char *err_path = "/tmp/run_test_stderr";
+// Runs the tool in a forked child with standard error in a file: "<status> <standard error>".
+std::string run_tool(std::vector<std::string> args) {
     const int status = run_in_child([&] {
-        const int file = open(err_path, O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(file, STDERR_FILENO);
-        close(file);
-        std::vector<char *> argv;
+        dup2(open("/tmp/run_test_stderr", O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
         args.insert(args.begin(), "fcadmin");
+        std::vector<char *> argv;
         for (auto &a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
         const int code = fcadmin_tool::tool_main(static_cast<int>(args.size()), argv.data());
         fflush(nullptr);
         _exit(code);
     });
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(err_path)};
+    return std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) + " " + read_file("/tmp/run_test_stderr");
 }
 
 TEST(ToolRun, ReportsFailureWithTheErrorLog) {
     setenv("FCADMIN_TEST_HELPER", "run_tool", 1);
     const std::string log = FCADMIN_TRANSFER_LOG;
-
-    ToolRun ok = run_tool({"run", self_exe(), "fine", "0"});
-    EXPECT_EQ(ok.status, 0);
-    EXPECT_EQ(ok.err, "");
+    EXPECT_EQ(run_tool({"run", self_exe(), "fine", "0"}), "0 ");
     EXPECT_EQ(read_file(log), "out fine\nerr fine\n");
-
-    ToolRun failed = run_tool({"run", self_exe(), "broken", "4"});
-    EXPECT_EQ(failed.status, 1);
-    EXPECT_EQ(failed.err, "fcadmin run: the command failed: result -1\n--- " + log +
-                              " ---\nout broken\nerr broken\n");
+    EXPECT_EQ(run_tool({"run", self_exe(), "broken", "4"}),
+              "1 fcadmin run: the command failed: result -1\n--- " + log + " ---\nout broken\nerr broken\n");
 
     // Refused before anything started: the previous command's log is not shown as this one's.
     std::vector<std::string> many = {"run", self_exe()};
-    for (int i = 0; i < 22; ++i) many.push_back("w");
-    ToolRun refused = run_tool(many);
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_EQ(refused.err,
-              "fcadmin run: the command failed: result -1\n"
+    many.resize(24, "w");
+    EXPECT_EQ(run_tool(many),
+              "1 fcadmin run: the command failed: result -1\n"
               "fcadmin run: no error log: the command was not started\n");
-
-    EXPECT_EQ(run_tool({"run"}).status, 2);
+    EXPECT_EQ(run_tool({"run"}).substr(0, 2), "2 ");
 }
 
 }  // namespace

@@ -3,11 +3,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fcntl.h>
-#include <string>
 #include <sys/wait.h>
-#include <unistd.h>
+
+#include <string>
 #include <vector>
 
 namespace {
@@ -20,165 +18,85 @@ struct Outcome {
     std::string out, err;
 };
 
-class Tool {
-public:
-    Tool() {
-        char templ[] = "/tmp/utils.XXXXXX";
-        dir_ = mkdtemp(templ) != nullptr ? templ : "/tmp";
-        write_file(dir_ + "/digits", "123456789");
-        write_file(dir_ + "/empty", "");
-    }
-    std::string path(const std::string &name) const { return dir_ + "/" + name; }
+// Runs the built tool with args (no blanks or quotes in them), standard input from the file `input`.
+Outcome tool(const std::vector<std::string> &args, const std::string &input = "/dev/null") {
+    std::string command = "exec \"$FCADMIN_TOOL\"";
+    for (const auto &a : args) command += " '" + a + "'";
+    command += " <" + input + " 2>/tmp/utils_test.err";
+    Outcome o;
+    const int status = fcadmin_test::run_program({"/bin/sh", "-c", command}, &o.out);
+    o.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    o.err = read_file("/tmp/utils_test.err");
+    return o;
+}
 
-    // Runs the tool with args, standard input taken from the file `input` (or /dev/null).
-    Outcome run(std::vector<std::string> args, const std::string &input = "/dev/null") const {
-        const char *tool = getenv("FCADMIN_TOOL");
-        EXPECT_NE(tool, nullptr);
-        args.insert(args.begin(), tool != nullptr ? tool : "fcadmin");
-        std::string out_file = path("stdout"), err_file = path("stderr");
-        fflush(nullptr);
-        pid_t pid = fork();
-        if (pid == 0) {
-            int in = open(input.c_str(), O_RDONLY);
-            int out = open(out_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            int err = open(err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            if (in < 0 || out < 0 || err < 0) _exit(126);
-            dup2(in, 0);
-            dup2(out, 1);
-            dup2(err, 2);
-            std::vector<char *> argv;
-            for (auto &a : args) argv.push_back(a.data());
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        int status = 0;
-        waitpid(pid, &status, 0);
-        Outcome outcome;
-        outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        outcome.out = read_file(out_file);
-        outcome.err = read_file(err_file);
-        return outcome;
-    }
-
-private:
-    std::string dir_;
-};
+// Status 0 and exactly this on standard output.
+void expect_output(const std::vector<std::string> &args, const std::string &out, const std::string &input = "/dev/null") {
+    const Outcome o = tool(args, input);
+    EXPECT_EQ(o.status, 0) << args[0] << ": " << o.err;
+    EXPECT_EQ(o.out, out) << args[0];
+}
 
 // A usage error: status 2, nothing on standard output, and a pointer to --help.
-void expect_usage_error(const Outcome &outcome, const std::string &command) {
-    EXPECT_EQ(outcome.status, 2) << outcome.err;
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_NE(outcome.err.find("fcadmin " + command + ": "), std::string::npos) << outcome.err;
-    EXPECT_NE(outcome.err.find("Try 'fcadmin " + command + " --help'."), std::string::npos) << outcome.err;
+void expect_usage_error(const std::vector<std::string> &args) {
+    const Outcome o = tool(args);
+    EXPECT_EQ(o.status, 2) << o.err;
+    EXPECT_EQ(o.out, "");
+    EXPECT_NE(o.err.find("fcadmin " + args[0] + ": "), std::string::npos) << o.err;
+    EXPECT_NE(o.err.find("Try 'fcadmin " + args[0] + " --help'."), std::string::npos) << o.err;
 }
 
-TEST(ToolErrmsg, PrintsMessageText) {
-    Tool tool;
-    Outcome o = tool.run({"errmsg", "-44"});
-    EXPECT_EQ(o.status, 0);
-    EXPECT_EQ(o.out, "The Server portnumber is not supported for ftp protocol\n");
-    EXPECT_EQ(tool.run({"errmsg", "-13"}).out, "Undefined error. -13\n");
-    o = tool.run({"errmsg", "1"});
-    EXPECT_EQ(o.status, 0);
-    EXPECT_EQ(o.out, "Undefined error. 1\n");
-    EXPECT_EQ(tool.run({"errmsg", "0"}).out, "");
+TEST(Tool, EachUtilitySubcommandPrintsItsResult) {
+    const std::string digits = "/tmp/utils_test.digits", empty = "/tmp/utils_test.empty",
+                      missing = "/tmp/utils_test.missing", text = "/tmp/utils_test.text";
+    write_file(digits, "123456789");
+    write_file(empty, "");
+    write_file(text, "AGZjAGFk\n");
+    const std::string nul_bytes("\0fc\0ad", 6);
 
-    expect_usage_error(tool.run({"errmsg"}), "errmsg");
-    expect_usage_error(tool.run({"errmsg", "forty"}), "errmsg");
-    expect_usage_error(tool.run({"errmsg", "-5", "-6"}), "errmsg");
-}
+    expect_output({"errmsg", "-44"}, "The Server portnumber is not supported for ftp protocol\n");
+    expect_output({"errmsg", "-13"}, "Undefined error. -13\n");
+    expect_usage_error({"errmsg", "forty"});
 
-TEST(ToolDigest, SignedDecimalDigest) {
-    Tool tool;
-    EXPECT_EQ(tool.run({"digest", tool.path("digits")}).out, "637134740\n");
-    EXPECT_EQ(tool.run({"digest", tool.path("empty")}).out, "-736260903\n");
-    Outcome o = tool.run({"digest", tool.path("digits"), tool.path("empty")});
-    EXPECT_EQ(o.status, 0);
-    EXPECT_EQ(o.out, "-99126163\n");
-
-    o = tool.run({"digest", tool.path("missing")});
+    expect_output({"digest", digits}, "637134740\n");
+    expect_output({"digest", digits, empty}, "-99126163\n");
+    Outcome o = tool({"digest", missing});
     EXPECT_EQ(o.status, 1);
     EXPECT_EQ(o.out, "");
-    EXPECT_EQ(o.err, "fcadmin digest: cannot read '" + tool.path("missing") + "': No such file or directory\n");
-    EXPECT_EQ(tool.run({"digest", tool.path("digits"), tool.path("missing")}).status, 1);
+    EXPECT_EQ(o.err, "fcadmin digest: cannot read '" + missing + "': No such file or directory\n");
+    expect_usage_error({"digest"});
 
-    expect_usage_error(tool.run({"digest"}), "digest");
-    expect_usage_error(tool.run({"digest", "a", "b", "c"}), "digest");
-}
+    expect_output({"crc16", digits}, "0xBB3D\n");
+    expect_output({"crc16", "-s", "A"}, "0x30C0\n");
+    expect_output({"crc16"}, "0xBB3D\n", digits);
+    expect_usage_error({"crc16", "-s"});
 
-TEST(ToolCrc16, UpperCaseHexOfFileTextOrInput) {
-    Tool tool;
-    EXPECT_EQ(tool.run({"crc16", tool.path("digits")}).out, "0xBB3D\n");
-    EXPECT_EQ(tool.run({"crc16", "-s", "123456789"}).out, "0xBB3D\n");
-    EXPECT_EQ(tool.run({"crc16"}, tool.path("digits")).out, "0xBB3D\n");
-    EXPECT_EQ(tool.run({"crc16", "-s", "A"}).out, "0x30C0\n");
-    EXPECT_EQ(tool.run({"crc16", tool.path("empty")}).out, "0x0000\n");
-
-    Outcome o = tool.run({"crc16", tool.path("missing")});
-    EXPECT_EQ(o.status, 1);
-    EXPECT_NE(o.err.find("cannot read"), std::string::npos);
-    expect_usage_error(tool.run({"crc16", "-s"}), "crc16");
-    expect_usage_error(tool.run({"crc16", "-x"}), "crc16");
-    expect_usage_error(tool.run({"crc16", "a", "b"}), "crc16");
-}
-
-TEST(ToolB64decode, DecodedBytesOnStandardOutput) {
-    Tool tool;
-    Outcome o = tool.run({"b64decode", "QUJD"});
-    EXPECT_EQ(o.status, 0);
-    EXPECT_EQ(o.out, "ABC");
-    write_file(tool.path("text"), "AGZjAGFk\n");
-    EXPECT_EQ(tool.run({"b64decode", "-f", tool.path("text")}).out, std::string("\0fc\0ad", 6));
-    EXPECT_EQ(tool.run({"b64decode"}, tool.path("text")).out, std::string("\0fc\0ad", 6));
-    o = tool.run({"b64decode", ""});
-    EXPECT_EQ(o.status, 0);
-    EXPECT_EQ(o.out, "");
-
-    o = tool.run({"b64decode", "@@@@"});
+    expect_output({"b64decode", "QUJD"}, "ABC");
+    expect_output({"b64decode", "-f", text}, nul_bytes);
+    expect_output({"b64decode"}, nul_bytes, text);
+    o = tool({"b64decode", "@@@@"});
     EXPECT_EQ(o.status, 1);
     EXPECT_EQ(o.out, "");
     EXPECT_EQ(o.err, "fcadmin b64decode: not Base64 text\n");
-    EXPECT_EQ(tool.run({"b64decode", "-f", tool.path("missing")}).status, 1);
-    expect_usage_error(tool.run({"b64decode", "-f"}), "b64decode");
-    expect_usage_error(tool.run({"b64decode", "-q"}), "b64decode");
-    expect_usage_error(tool.run({"b64decode", "QUJD", "QUJD"}), "b64decode");
+    expect_usage_error({"b64decode", "QUJD", "QUJD"});
+
+    expect_output({"bits", "-1"}, "32\n");
+    expect_output({"bits", "0x80000000"}, "1\n");
+    expect_usage_error({"bits", "4294967296"});
+    expect_output({"endian"}, __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? "big-endian (2)\n" : "little-endian (1)\n");
+    expect_output({"endian", "swap16", "0x00AB1234"}, "0xBF12\n");
+    expect_output({"endian", "swap32", "1"}, "0x01000000\n");
+    expect_usage_error({"endian", "swap64", "1"});
 }
 
-TEST(ToolBitsAndEndian, CountsAndSwaps) {
-    Tool tool;
-    EXPECT_EQ(tool.run({"bits", "0"}).out, "0\n");
-    EXPECT_EQ(tool.run({"bits", "-1"}).out, "32\n");
-    EXPECT_EQ(tool.run({"bits", "0x80000000"}).out, "1\n");
-    EXPECT_EQ(tool.run({"bits", "4294967295"}).out, "32\n");
-    expect_usage_error(tool.run({"bits"}), "bits");
-    expect_usage_error(tool.run({"bits", "12x"}), "bits");
-    expect_usage_error(tool.run({"bits", "4294967296"}), "bits");
-    expect_usage_error(tool.run({"bits", "-2147483649"}), "bits");
-
-#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
-    EXPECT_EQ(tool.run({"endian"}).out, "big-endian (2)\n");
-#else
-    EXPECT_EQ(tool.run({"endian"}).out, "little-endian (1)\n");
-#endif
-    EXPECT_EQ(tool.run({"endian", "swap16", "0x1234"}).out, "0x3412\n");
-    EXPECT_EQ(tool.run({"endian", "swap16", "0x00AB1234"}).out, "0xBF12\n");
-    EXPECT_EQ(tool.run({"endian", "swap32", "0x11223344"}).out, "0x44332211\n");
-    EXPECT_EQ(tool.run({"endian", "swap32", "1"}).out, "0x01000000\n");
-    expect_usage_error(tool.run({"endian", "swap64", "1"}), "endian");
-    expect_usage_error(tool.run({"endian", "swap16"}), "endian");
-}
-
-TEST(ToolUtilities, HelpForEachSubcommand) {
-    Tool tool;
-    for (const char *name : {"errmsg", "digest", "crc16", "b64decode", "bits", "endian"}) {
-        Outcome o = tool.run({name, "--help"});
+TEST(Tool, HelpForEachSubcommand) {
+    const std::string list = tool({"--help"}).out;
+    for (const std::string name : {"errmsg", "digest", "crc16", "b64decode", "bits", "endian"}) {
+        const Outcome o = tool({name, "--help"});
         EXPECT_EQ(o.status, 0) << name;
-        EXPECT_EQ(o.out.rfind(std::string("usage: fcadmin ") + name, 0), 0u) << o.out;
+        EXPECT_EQ(o.out.rfind("usage: fcadmin " + name, 0), 0u) << o.out;
+        EXPECT_NE(list.find("  " + name + " "), std::string::npos) << name;
     }
-    Outcome o = tool.run({"--help"});
-    for (const char *name : {"errmsg", "digest", "crc16", "b64decode", "bits", "endian"})
-        EXPECT_NE(o.out.find(std::string("  ") + name + " "), std::string::npos) << name;
 }
 
 }  // namespace
