@@ -27,7 +27,7 @@ test-asan:
 
 test-tsan:
 	$(CMAKE) --preset tsan
-	$(CMAKE) --build --preset tsan -j $(JOBS)
+	$(CMAKE) --build --preset tsan -j $(JOBS) --target test_shm_mr_lock_test test_host_trace_test
 	$(CTEST) --preset tsan -j $(JOBS)
 
 test-install: build
