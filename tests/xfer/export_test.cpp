@@ -110,7 +110,7 @@ TEST(Export, NullRequestAndProviderResultsReturnWithoutCleanUp) {
     fresh(0);
     write_file(kLog, "old output\n");
     EXPECT_EQ(exportFileToRemoteSystem(nullptr, 1), 0);
-    EXPECT_TRUE(platform_calls().empty());
+    EXPECT_TRUE(platform_calls().empty() && system_commands().empty() && file_exists(kStagedFile));
     EXPECT_TRUE(file_exists(kLog));
 
     // The log goes before anything else; nothing staged is -51, the provider's own codes pass through.
