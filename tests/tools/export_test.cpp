@@ -31,6 +31,8 @@ TEST(ExportTool, RefusesAllWithoutDirectoryAndReportsTheResult) {
     EXPECT_EQ(run_tool({"export", "scp://admin@10.0.0.5/x", "--all"}), std::make_pair(1, refusal));
     EXPECT_EQ(run_tool({"export", "sftp://admin@10.0.0.5/", "--item", "allx"}), std::make_pair(1, refusal));
     EXPECT_EQ(run_tool({"export", "scp://a@h/x", "--all", "--item", "i"}).first, 2);
+    // ncftpput gets the credentials as they stand, so a blank that the URL may carry for ftp is refused.
+    EXPECT_EQ(run_tool({"export", "ftp://j.doe:p%20w@h/", "--all", "--dir", "up"}).first, 2);
     EXPECT_TRUE(platform_calls().empty());
 
     // The URL's path splits into remote target and item name; a failed export reports its message.

@@ -67,6 +67,11 @@ int run_export(int argc, char **argv) {
     std::string error;
     if (!parse_transfer_url(url, &request, &error)) return usage_error(name, error);
 
+    // The ftp upload puts the credentials into its command line as they stand, split at blanks.
+    if (strcmp(request.protocol, "ftp") == 0 &&
+        (strchr(request.user_name, ' ') != nullptr || strchr(request.password, ' ') != nullptr))
+        return usage_error(name, "ftp credentials for an export cannot contain a blank");
+
     const char *selector = all ? "all" : item;
     if (*selector == '\0' || strlen(selector) >= sizeof request.selector)
         return usage_error(name, "the item name must have 1 to " + std::to_string(sizeof request.selector - 1) +
