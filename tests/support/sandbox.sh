@@ -88,12 +88,18 @@ if [ -n "${FCADMIN_SANDBOX_BINFMT:-}" ]; then
         ;;
     esac
     # The F flag opens the emulator now, so it is found whatever the command later mounts; P keeps
-    # argv[0] as the program was started with.
+    # argv[0] as the program was started with, which only the wrapper of qemu-user-binfmt understands.
+    # Plain qemu gets argv[0] replaced by the program's path.
     emulator=/usr/libexec/qemu-binfmt/$FCADMIN_SANDBOX_BINFMT-binfmt-P
-    [ -x "$emulator" ] || emulator=$(command -v "qemu-$FCADMIN_SANDBOX_BINFMT")
+    flags=PF
+    if [ ! -x "$emulator" ]; then
+        emulator=$(command -v "qemu-$FCADMIN_SANDBOX_BINFMT")
+        flags=F
+    fi
     binfmt=/proc/sys/fs/binfmt_misc
     mount -t binfmt_misc fcadmin-binfmt "$binfmt"
-    printf ':fcadmin-%s:M::%s:%s:%s:PF\n' "$FCADMIN_SANDBOX_BINFMT" "$magic" "$mask" "$emulator" >"$binfmt/register"
+    printf ':fcadmin-%s:M::%s:%s:%s:%s\n' "$FCADMIN_SANDBOX_BINFMT" "$magic" "$mask" "$emulator" "$flags" \
+        >"$binfmt/register"
     export QEMU_LD_PREFIX
 fi
 exec "$@"
