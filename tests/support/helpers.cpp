@@ -138,4 +138,17 @@ int run_program(const std::vector<std::string> &argv, std::string *out,
     return wait_for(pid);
 }
 
+TransferRequest transfer_request(const char *protocol, const char *user, const char *password, const char *host,
+                                 const char *remote_path, int32_t port, uint32_t addr_type) {
+    TransferRequest r{};
+    snprintf(r.protocol, sizeof r.protocol, "%s", protocol);
+    snprintf(r.user_name, sizeof r.user_name, "%s", user);
+    snprintf(r.password, sizeof r.password, "%s", password);
+    snprintf(r.host, sizeof r.host, "%s", host);
+    snprintf(r.remote_path, sizeof r.remote_path, "%s", remote_path);
+    r.port = port;
+    r.addr_type = addr_type;
+    return r;
+}
+
 }  // namespace fcadmin_test

@@ -1,6 +1,8 @@
 // Test support: helper programs (the test binary re-run as a tool), forked children and private mounts.
 #pragma once
 
+#include "fcadmin.h"
+
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -52,5 +54,9 @@ bool under_emulation();
         if (::fcadmin_test::under_emulation())                                   \
             GTEST_SKIP() << "skipped under emulation: " << (reason);             \
     } while (0)
+
+// A transfer request with the fields a fetch reads; the rest zeroed.
+TransferRequest transfer_request(const char *protocol, const char *user, const char *password, const char *host,
+                                 const char *remote_path, int32_t port = 22, uint32_t addr_type = 0);
 
 }  // namespace fcadmin_test

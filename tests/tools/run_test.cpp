@@ -1,6 +1,7 @@
 // fcadmin run: exit status and what it shows of a failed command.
 #include "fcadmin.h"
 #include "tests/support/helpers.h"
+#include "tests/tools/tool_run.h"
 #include "tools/fcadmin/command.h"
 
 #include <gtest/gtest.h>
@@ -25,19 +26,10 @@ FCADMIN_TEST_HELPER(run_tool) {
     return atoi(argv[2]);
 }
 
-// Runs the tool in a forked child with standard error in a file: "<status> <standard error>".
+// "<status> <standard error>" of one run of the tool.
 std::string run_tool(std::vector<std::string> args) {
-    const int status = run_in_child([&] {
-        dup2(open("/tmp/run_test_stderr", O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
-        args.insert(args.begin(), "fcadmin");
-        std::vector<char *> argv;
-        for (auto &a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        const int code = fcadmin_tool::tool_main(static_cast<int>(args.size()), argv.data());
-        fflush(nullptr);
-        _exit(code);
-    });
-    return std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) + " " + read_file("/tmp/run_test_stderr");
+    const ToolRun run = run_tool_in_child(std::move(args));
+    return std::to_string(run.status) + " " + run.err;
 }
 
 TEST(ToolRun, ReportsFailureWithTheErrorLog) {

@@ -2,6 +2,7 @@
 #include "fcadmin.h"
 #include "shm/trace.h"
 #include "tests/support/helpers.h"
+#include "tests/tools/tool_run.h"
 #include "tools/fcadmin/command.h"
 
 #include <fcntl.h>
@@ -29,42 +30,21 @@ int run_probe(int argc, char **argv) {
 
 FCADMIN_SUBCOMMAND("trace-probe", "test: stores two trace lines", "usage: fcadmin trace-probe [WORD]\n", run_probe);
 
-struct ToolRun {
-    int status;
-    std::string out, err;
-};
-
-// Runs the tool in-process in a forked child, so that each run starts with an empty ring.
-ToolRun run_tool(std::vector<std::string> args) {
-    const int status = run_in_child([&] {
-        dup2(open("/tmp/trace.out", O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
-        dup2(open("/tmp/trace.err", O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
-        args.insert(args.begin(), "fcadmin");
-        std::vector<char *> argv;
-        for (auto &a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        const int code = fcadmin_tool::tool_main(static_cast<int>(args.size()), argv.data());
-        fflush(nullptr);
-        _exit(code);
-    });
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file("/tmp/trace.out"), read_file("/tmp/trace.err")};
-}
-
 const std::string kProbeLines = R"(\S+Z 305 2 probe general x\n\S+Z 312 1 probe detail\n)";
 
 }  // namespace
 
 TEST(TraceCommand, RunsTheCommandAndDumpsWhatItTraced) {
     unsetenv("FCADMIN_TRACE_FILE");
-    ToolRun run = run_tool({"trace", "trace-probe", "x"});
+    ToolRun run = run_tool_in_child({"trace", "trace-probe", "x"});
     EXPECT_EQ(run.status, 3);
     EXPECT_TRUE(std::regex_match(run.out, std::regex("probe ran x\n" + kProbeLines))) << run.out;
     // Without the trace command the lines are stored all the same, but nobody shows them.
-    run = run_tool({"trace-probe", "x"});
+    run = run_tool_in_child({"trace-probe", "x"});
     EXPECT_EQ(run.status, 3);
     EXPECT_EQ(run.out, "probe ran x\n");
     // An unknown command keeps its own status and message.
-    run = run_tool({"trace", "no-such-command"});
+    run = run_tool_in_child({"trace", "no-such-command"});
     EXPECT_EQ(run.status, 2);
     EXPECT_NE(run.err.find("unknown command 'no-such-command'"), std::string::npos) << run.err;
 
@@ -79,9 +59,9 @@ TEST(TraceCommand, TraceFileCollectsEveryRunAndIsDumpedWithoutACommand) {
     const std::string file = "/tmp/fcadmin.trace";
     unlink(file.c_str());
     setenv("FCADMIN_TRACE_FILE", file.c_str(), 1);
-    EXPECT_EQ(run_tool({"trace", "trace-probe", "x"}).status, 3);
-    EXPECT_EQ(run_tool({"trace-probe", "x"}).status, 3);
-    const ToolRun dump = run_tool({"trace"});
+    EXPECT_EQ(run_tool_in_child({"trace", "trace-probe", "x"}).status, 3);
+    EXPECT_EQ(run_tool_in_child({"trace-probe", "x"}).status, 3);
+    const ToolRun dump = run_tool_in_child({"trace"});
     unsetenv("FCADMIN_TRACE_FILE");
     EXPECT_EQ(dump.status, 0);
     EXPECT_EQ(dump.out, read_file(file));

@@ -59,19 +59,6 @@ void install_stubs(const std::string &results) {
     reset_platform();
 }
 
-TransferRequest request(const char *protocol, const char *user, const char *password, const char *host,
-                        const char *remote_path, int32_t port = 22, uint32_t addr_type = 0) {
-    TransferRequest r{};
-    snprintf(r.protocol, sizeof r.protocol, "%s", protocol);
-    snprintf(r.user_name, sizeof r.user_name, "%s", user);
-    snprintf(r.password, sizeof r.password, "%s", password);
-    snprintf(r.host, sizeof r.host, "%s", host);
-    snprintf(r.remote_path, sizeof r.remote_path, "%s", remote_path);
-    r.port = port;
-    r.addr_type = addr_type;
-    return r;
-}
-
 bool stdin_echo() {
     termios t{};
     return tcgetattr(0, &t) == 0 && (t.c_lflag & ECHO) != 0;
@@ -80,7 +67,7 @@ bool stdin_echo() {
 TEST(FetchThroughRunner, ToolsReceiveTheirArgumentsInOrder) {
     EXPECT_IN_CHILD({
         install_stubs("1 1 0");
-        TransferRequest r = request("scp", "admin", "s3cret", "10.0.0.9", "/fw/v2.bin", 2022);
+        TransferRequest r = transfer_request("scp", "admin", "s3cret", "10.0.0.9", "/fw/v2.bin", 2022);
         EXPECT_EQ(copyRemoteFileToLocalSystem(&r, "/tmp/v2.bin", 0), 0);
         EXPECT_EQ(recorded_calls(),
                   (Lines{"/usr/bin/scp|-q|-v|-oConnectTimeout=60|-oPreferredAuthentications=publickey|-oPort=2022|"
@@ -94,7 +81,7 @@ TEST(FetchThroughRunner, ToolsReceiveTheirArgumentsInOrder) {
     });
     EXPECT_IN_CHILD({
         install_stubs("5 0 1 1 1");
-        TransferRequest r = request("sftp", "admin", "pw", "::1", "cfg", 22);
+        TransferRequest r = transfer_request("sftp", "admin", "pw", "::1", "cfg", 22);
         EXPECT_EQ(copyRemoteFileToLocalSystem(&r, "/tmp/cfg", 0), 0);
         EXPECT_EQ(recorded_calls(),
                   (Lines{"/usr/bin/sftp|-q|-v|-oConnectTimeout=60|-oPort=22|-oPreferredAuthentications=publickey|"
@@ -109,15 +96,15 @@ TEST(FetchThroughRunner, ToolsReceiveTheirArgumentsInOrder) {
     });
     EXPECT_IN_CHILD({
         install_stubs("0 4 0 1");
-        TransferRequest r = request("ftp", "j.doe", "p w", "::1", "sub/file.txt", 21, ADDR_TYPE_IPV6);
+        TransferRequest r = transfer_request("ftp", "j.doe", "p w", "::1", "sub/file.txt", 21, ADDR_TYPE_IPV6);
         EXPECT_EQ(copyRemoteFileToLocalSystem(&r, "/tmp/file.txt", 0), 0);
-        r = request("ftp", "anonymous", "", "127.0.0.1", "pub/x", 21, 0);
+        r = transfer_request("ftp", "anonymous", "", "127.0.0.1", "pub/x", 21, 0);
         EXPECT_EQ(copyRemoteFileToLocalSystem(&r, "/tmp/x", 0), -9);
-        r = request("usb", "", "", "", "/mnt/usb/fw.bin");
+        r = transfer_request("usb", "", "", "", "/mnt/usb/fw.bin");
         EXPECT_EQ(copyRemoteFileToLocalSystem(&r, "/unused", 0), 0);
         EXPECT_EQ(copyRemoteFileToLocalSystem(&r, "/unused", 0), -9);
         // An unknown protocol starts no tool at all.
-        r = request("gopher", "", "", "h", "f");
+        r = transfer_request("gopher", "", "", "h", "f");
         EXPECT_EQ(copyRemoteFileToLocalSystem(&r, "/tmp/f", 0), -9);
         EXPECT_EQ(recorded_calls(),
                   (Lines{"/bin/wget|-q|-T|60|-t|1|-O|/tmp/file.txt|ftp://j%2edoe:p%20w@[::1]/sub/file.txt",
@@ -148,7 +135,7 @@ TEST(FetchThroughRunner, PromptsOnTheTerminalOnlyAfterTheKeyBasedAttempts) {
             on_platform_call("ork_infra_scanf", [] { echo.push_back(stdin_echo()); });
             script_results("ork_verify_password", c.verdicts);
             script_answers({"one", "two", "three"});
-            TransferRequest r = request("scp", "admin", "", "h", "f");
+            TransferRequest r = transfer_request("scp", "admin", "", "h", "f");
             EXPECT_EQ(copyRemoteFileToLocalSystem(&r, "/tmp/f", 0), c.result);
             EXPECT_EQ(echo, std::vector<bool>(c.verdicts.size(), false));
             EXPECT_TRUE(stdin_echo());
@@ -164,7 +151,7 @@ TEST(FetchThroughRunner, PromptsOnTheTerminalOnlyAfterTheKeyBasedAttempts) {
         install_stubs("1 1");
         dup2(open("/dev/null", O_RDONLY), 0);
         dup2(open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-        TransferRequest r = request("sftp", "admin", "", "h", "f");
+        TransferRequest r = transfer_request("sftp", "admin", "", "h", "f");
         copyRemoteFileToLocalSystem(&r, "/tmp/f", 0);
         _exit(0);
     });

@@ -18,19 +18,6 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-TransferRequest request(const char *protocol, const char *user, const char *password, const char *host,
-                        const char *remote_path, int32_t port = 22, uint32_t addr_type = 0) {
-    TransferRequest r{};
-    snprintf(r.protocol, sizeof r.protocol, "%s", protocol);
-    snprintf(r.user_name, sizeof r.user_name, "%s", user);
-    snprintf(r.password, sizeof r.password, "%s", password);
-    snprintf(r.host, sizeof r.host, "%s", host);
-    snprintf(r.remote_path, sizeof r.remote_path, "%s", remote_path);
-    r.port = port;
-    r.addr_type = addr_type;
-    return r;
-}
-
 // A fetch through the platform's runner, whose runs return results in turn (then the last one).
 int32_t fetch(TransferRequest *r, const char *local, std::vector<int> results = {0}) {
     reset_platform();
@@ -66,7 +53,7 @@ Names commands() {
 
 TEST(Fetch, SecureShellAttemptsInOrderWithTheirExactCommandLines) {
     // All three attempts fail; the keyboard-interactive one gets no environment set-up.
-    TransferRequest sftp = request("sftp", "admin", "s3cret", "fe80::1", "/fw/image.bin", 22);
+    TransferRequest sftp = transfer_request("sftp", "admin", "s3cret", "fe80::1", "/fw/image.bin", 22);
     EXPECT_EQ(fetch(&sftp, "/tmp/out", {1}), -9);
     EXPECT_EQ(calls(), "grrgr");
     EXPECT_EQ(commands(),
@@ -77,7 +64,7 @@ TEST(Fetch, SecureShellAttemptsInOrderWithTheirExactCommandLines) {
                      "-oStrictHostKeyChecking=no admin@[fe80::1]:/fw/image.bin /tmp/out",
                      "/usr/bin/sftp -q -v -oConnectTimeout=60 -oPort=22 -oPreferredAuthentications=password "
                      "-oSSHPassword=s3cret -oStrictHostKeyChecking=no admin@[fe80::1]:/fw/image.bin /tmp/out"}));
-    TransferRequest scp = request("scp", "admin", "s3cret", "host.example", "cfg.txt", 830);
+    TransferRequest scp = transfer_request("scp", "admin", "s3cret", "host.example", "cfg.txt", 830);
     EXPECT_EQ(fetch(&scp, "/tmp/cfg", {1}), -9);
     EXPECT_EQ(calls(), "grrgr");
     EXPECT_EQ(commands(),
@@ -98,7 +85,7 @@ TEST(Fetch, SecureShellAttemptsInOrderWithTheirExactCommandLines) {
     } ends[] = {{"sftp", {0}, "gr"}, {"scp", {1, 0}, "grr"}, {"scp", {1, 1, 0}, "grrgr"}, {"sf", {0}, "gr"},
                 {"s", {0}, "gr"}};
     for (const auto &e : ends) {
-        TransferRequest r = request(e.protocol, "j.doe", "p w", "h", "f");
+        TransferRequest r = transfer_request(e.protocol, "j.doe", "p w", "h", "f");
         EXPECT_EQ(fetch(&r, "/tmp/f", e.results), 0) << e.protocol;
         EXPECT_EQ(calls(), e.calls) << e.protocol;
         EXPECT_EQ(commands()[0].rfind(e.protocol[1] == 'c' ? "/usr/bin/scp " : "/usr/bin/sftp ", 0), 0u);
@@ -112,7 +99,7 @@ TEST(Fetch, AsksForThePasswordOnlyAfterBothKeyBasedAttemptsFail) {
         int pty[2];
         ASSERT_EQ(openpty(&pty[0], &pty[1], nullptr, nullptr, nullptr), 0);
         ASSERT_EQ(dup2(pty[1], 0), 0);
-        TransferRequest r = request("scp", "admin", "", "h", "f");
+        TransferRequest r = transfer_request("scp", "admin", "", "h", "f");
         reset_platform();
         script_results("ork_infra_system", {1, 1, 0});
         script_answers({"typed pw"});
@@ -124,14 +111,14 @@ TEST(Fetch, AsksForThePasswordOnlyAfterBothKeyBasedAttemptsFail) {
         EXPECT_STREQ(r.password, "typed pw");
     });
     // An anonymous user gets the password attempt without being asked, with an empty password.
-    TransferRequest r = request("scp", "anon", "", "h", "f");
+    TransferRequest r = transfer_request("scp", "anon", "", "h", "f");
     EXPECT_EQ(fetch(&r, "/tmp/f", {1}), -9);
     EXPECT_EQ(calls(), "grrgr");
     EXPECT_NE(commands()[2].find(" -oSSHPassword= "), std::string::npos);
 }
 
 TEST(Fetch, FtpAndUsbCommandLinesAndTheCredentialRewrite) {
-    TransferRequest ftp = request("ftp", "j.doe", "p w", "192.0.2.7", "dir/file.bin");
+    TransferRequest ftp = transfer_request("ftp", "j.doe", "p w", "192.0.2.7", "dir/file.bin");
     EXPECT_EQ(fetch(&ftp, "/tmp/file.bin"), 0);
     EXPECT_EQ(calls(), "gr");
     EXPECT_EQ(commands(),
@@ -139,13 +126,13 @@ TEST(Fetch, FtpAndUsbCommandLinesAndTheCredentialRewrite) {
     // The credentials stay encoded in the caller's request.
     EXPECT_STREQ(ftp.user_name, "j%2edoe");
     EXPECT_STREQ(ftp.password, "p%20w");
-    ftp = request("f", "u", "", "2001:db8::5", "f", 22, ADDR_TYPE_IPV6);
+    ftp = transfer_request("f", "u", "", "2001:db8::5", "f", 22, ADDR_TYPE_IPV6);
     EXPECT_EQ(fetch(&ftp, "/tmp/f", {7}), -9);
     EXPECT_EQ(commands(), (Names{"/bin/wget -q -T 60 -t 1 -O /tmp/f ftp://u:@[2001:db8::5]/f"}));
 
     // The usb copy goes to the fixed temporary file; the local path plays no part.
     for (const char *word : {"usb", "u", ""}) {
-        TransferRequest usb = request(word, "", "", "", "/mnt/usb/fw.bin");
+        TransferRequest usb = transfer_request(word, "", "", "", "/mnt/usb/fw.bin");
         EXPECT_EQ(fetch(&usb, "/ignored"), 0);
         EXPECT_EQ(calls(), "gr");
         EXPECT_EQ(commands(), (Names{"/bin/cp /mnt/usb/fw.bin " FCADMIN_USB_TMP_FILE})) << word;
@@ -154,7 +141,7 @@ TEST(Fetch, FtpAndUsbCommandLinesAndTheCredentialRewrite) {
 
 TEST(Fetch, UnknownProtocolEncodingFailureAndBadArguments) {
     // An unknown word runs the empty command: the library's runner refuses it.
-    TransferRequest gopher = request("gopher", "u", "p", "h", "f");
+    TransferRequest gopher = transfer_request("gopher", "u", "p", "h", "f");
     EXPECT_EQ(fetch(&gopher, "/tmp/f", {1}), -9);
     EXPECT_EQ(commands(), (Names{""}));
     reset_platform();
@@ -162,11 +149,11 @@ TEST(Fetch, UnknownProtocolEncodingFailureAndBadArguments) {
     EXPECT_EQ(calls(), "g");
 
     // The ftp user name cannot be encoded: nothing runs.
-    TransferRequest ftp = request("ftp", std::string(129, '#').c_str(), "", "h", "f");
+    TransferRequest ftp = transfer_request("ftp", std::string(129, '#').c_str(), "", "h", "f");
     EXPECT_EQ(fetch(&ftp, "/tmp/f"), -12);
     EXPECT_EQ(calls(), "");
     EXPECT_EQ(copyRemoteFileToLocalSystem(nullptr, "/tmp/f", 1), -8);
-    TransferRequest scp = request("scp", "u", "p", "h", "f");
+    TransferRequest scp = transfer_request("scp", "u", "p", "h", "f");
     EXPECT_EQ(copyRemoteFileToLocalSystem(&scp, nullptr, 1), -8);
 
     // Fields filled to the brim without a terminator are read no further than their arrays; a command
@@ -192,7 +179,7 @@ TEST(Fetch, UnknownProtocolEncodingFailureAndBadArguments) {
 TEST(Fetch, InlineContentIsWrittenOverTheStartOfAnExistingFile) {
     write_file("/tmp/inline", "0123456789");
     unlink("/tmp/inline-missing");
-    TransferRequest r = request("scp", "u", "", "h", "f");
+    TransferRequest r = transfer_request("scp", "u", "", "h", "f");
     for (const char *content : {"abc", ""}) {
         r.content = content;
         EXPECT_EQ(fetch(&r, "/tmp/inline"), 0);
@@ -223,7 +210,7 @@ TEST(Fetch, FetchAreaIsMadeFirst) {
         // A regular file where the directory belongs: -17, before any transfer or credential rewrite.
         ASSERT_EQ(mount("fetch-area", "/var/tmp", "tmpfs", 0, nullptr), 0);
         write_file(FCADMIN_FETCH_DIR, "not a directory");
-        TransferRequest r = request("ftp", "u.v", "p", "h", "f");
+        TransferRequest r = transfer_request("ftp", "u.v", "p", "h", "f");
         EXPECT_EQ(fetch(&r, "/tmp/f"), -17);
         EXPECT_EQ(calls(), "");
         EXPECT_STREQ(r.user_name, "u.v");
