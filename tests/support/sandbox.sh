@@ -1,8 +1,12 @@
 #!/bin/sh
-# Runs a command in private mount, IPC and network namespaces: tmpfs over /tmp, /var/tmp, /var/log and
-# /etc/fcadmin, private overlays over /etc, /var/lib and /run, and the loopback interface up. Nothing the
-# command does to fixed paths, System V keys or ports reaches the machine. As root it needs no user
+# Runs a command in private mount, IPC, network and PID namespaces: tmpfs over /tmp, /var/tmp, /var/log
+# and /etc/fcadmin, private overlays over /etc, /var/lib and /run, and the loopback interface up. Nothing
+# the command does to fixed paths, System V keys or ports reaches the machine. As root it needs no user
 # namespace; elsewhere it maps the caller to root in a new one.
+#
+# Ending the sandbox ends everything in it: this script is the PID namespace's first process, and when
+# it goes (the command ended, or unshare outside was killed, say by CTest's time-out) the kernel kills
+# every process left in the namespace: servers, helpers, a test program stuck in a loop.
 #
 # With FCADMIN_SANDBOX_BINFMT=ppc (set for the tests of a PowerPC cross build) the sandbox also runs
 # PowerPC programs directly: it takes a user namespace of its own, mounts that namespace's private
@@ -15,10 +19,10 @@ if [ "${FCADMIN_IN_SANDBOX:-}" != 1 ]; then
     if [ -z "${FCADMIN_SANDBOX_BINFMT:-}" ]; then
         userns=
         [ "$(id -u)" = 0 ] || userns=--map-root-user
-        exec unshare $userns --mount --ipc --net --propagation private -- sh "$0" "$@"
+        exec unshare $userns --mount --ipc --net --pid --fork --kill-child --mount-proc --propagation private -- sh "$0" "$@"
     fi
     if [ "$(id -u)" != 0 ]; then
-        exec unshare --map-root-user --mount --ipc --net --propagation private -- sh "$0" "$@"
+        exec unshare --map-root-user --mount --ipc --net --pid --fork --kill-child --mount-proc --propagation private -- sh "$0" "$@"
     fi
     # Root maps every user and group into the new namespace as themselves, so servers that drop to
     # other users keep working. Only a process outside the namespace may write such a map: a detached
@@ -33,7 +37,7 @@ if [ "${FCADMIN_IN_SANDBOX:-}" != 1 ]; then
         echo '0 0 4294967295' >/proc/$self/uid_map
         echo '0 0 4294967295' >/proc/$self/gid_map
     ) & )
-    exec unshare --user --mount --ipc --net --propagation private -- \
+    exec unshare --user --mount --ipc --net --pid --fork --kill-child --mount-proc --propagation private -- \
         sh -c 'until read -r map </proc/self/uid_map && [ -n "$map" ]; do sleep 0.01; done; exec sh "$@"' \
         sh "$0" "$@"
 fi
@@ -102,4 +106,8 @@ if [ -n "${FCADMIN_SANDBOX_BINFMT:-}" ]; then
         >"$binfmt/register"
     export QEMU_LD_PREFIX
 fi
-exec "$@"
+# The command runs as a child, not as the namespace's first process: that one ignores every signal it
+# has no handler for, which a test that signals itself would not expect.
+status=0
+"$@" || status=$?
+exit $status
