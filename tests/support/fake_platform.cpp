@@ -1,4 +1,5 @@
-// Link-time fakes of the platform services that record every call and return scripted values.
+// The recording fakes of the platform services, and the call log and scripts that they share with the
+// interposed system calls.
 #include "tests/support/fake_platform.h"
 
 #include "fcadmin_platform.h"
@@ -6,93 +7,97 @@
 #include <openssl/evp.h>
 
 #include <cstdarg>
-#include <cstdio>
-#include <cstring>
 #include <deque>
-#include <functional>
 #include <map>
-
-#include <unistd.h>
 
 namespace fcadmin_test {
 namespace {
 
 struct State {
-    std::vector<PlatformCall> calls;
-    std::map<std::string, std::deque<int>> results;
-    std::map<std::string, int> defaults;
-    std::deque<std::string> answers;
-    std::deque<int> handles;
-    std::deque<std::string> lists;
-    int console_echo_fd = -1;
+    std::vector<Call> calls;
+    std::map<std::string, std::deque<std::pair<long, int>>> scripts;
+    std::map<std::string, long> defaults;
+    std::deque<std::string> answers, lists;
     std::map<std::string, std::function<void()>> hooks;
 };
 
-State &state() {
+State &state() {  // a function-local static: the C library may call an interposed function early
     static State s;
     return s;
 }
 
 std::string text(const char *s) { return s == nullptr ? "(null)" : s; }
+std::string text(long v) { return std::to_string(v); }
 
-template <typename T>
-T take_front(std::deque<T> &queue) {
-    T front = std::move(queue.front());
-    queue.pop_front();
-    return front;
-}
-
-int next_result(const std::string &name) {
-    auto &queue = state().results[name];
-    if (!queue.empty()) return take_front(queue);
+template <typename... A>
+long fake(const std::string &name, A... args) {
+    long result = 0;
+    if (record_call(name, {text(args)...}, &result)) return result;
     const auto it = state().defaults.find(name);
     return it == state().defaults.end() ? 0 : it->second;
 }
 
-void record(const std::string &name, std::vector<std::string> args) {
-    state().calls.push_back({name, std::move(args)});
-    auto hook = state().hooks.find(name);
-    if (hook != state().hooks.end()) hook->second();
+bool take(std::deque<std::string> &queue, char *out, long size) {
+    if (queue.empty() || out == nullptr || size <= 0) return false;
+    snprintf(out, static_cast<size_t>(size), "%s", queue.front().c_str());
+    queue.pop_front();
+    return true;
 }
 
 }  // namespace
 
-std::vector<PlatformCall> &platform_calls() { return state().calls; }
+std::string Call::text() const {
+    std::string out = name;
+    for (const auto &a : args) out += " " + a;
+    return out;
+}
 
-std::vector<PlatformCall> platform_calls_of(const std::string &name) {
-    std::vector<PlatformCall> out;
+std::vector<Call> &calls() { return state().calls; }
+
+Lines args_of(const std::string &name, size_t i) {
+    Lines out;
     for (const auto &c : state().calls)
-        if (c.name == name) out.push_back(c);
+        if (c.name == name) out.push_back(i < c.args.size() ? c.args[i] : "?");
     return out;
 }
 
-std::vector<std::string> platform_call_names() {
-    std::vector<std::string> out;
-    for (const auto &c : state().calls) out.push_back(c.name);
+std::string call_letters(const std::string &letters) {
+    std::string out;
+    for (const auto &c : state().calls) {
+        const size_t at = (letters + " ").find("=" + c.name + " ");
+        out += at == std::string::npos || at == 0 ? '?' : letters[at - 1];
+    }
     return out;
-}
-
-void on_platform_call(const std::string &name, std::function<void()> hook) {
-    state().hooks[name] = std::move(hook);
 }
 
 void reset_platform() { state() = State{}; }
 
-void script_results(const std::string &name, std::vector<int> results) {
-    state().results[name].assign(results.begin(), results.end());
+void set_default(const std::string &name, long result) { state().defaults[name] = result; }
+void script_answers(Lines answers) { state().answers.assign(answers.begin(), answers.end()); }
+void script_lists(Lines lists) { state().lists.assign(lists.begin(), lists.end()); }
+void on_call(const std::string &name, std::function<void()> hook) { state().hooks[name] = std::move(hook); }
+
+void script(const std::string &key, std::vector<long> results, int err) {
+    auto &queue = state().scripts[key];
+    queue.clear();
+    for (long r : results) queue.emplace_back(r, err);
 }
 
-void set_default_result(const std::string &name, int result) { state().defaults[name] = result; }
-
-void script_answers(std::vector<std::string> answers) {
-    state().answers.assign(answers.begin(), answers.end());
+bool scripted(const std::string &key, long *result, int *err) {
+    auto it = state().scripts.find(key);
+    if (it == state().scripts.end() || it->second.empty()) return false;
+    *result = it->second.front().first;
+    if (err != nullptr) *err = it->second.front().second;
+    it->second.pop_front();
+    return true;
 }
 
-void script_trace_handles(std::vector<int> handles) { state().handles.assign(handles.begin(), handles.end()); }
-
-void script_staged_lists(std::vector<std::string> lists) { state().lists.assign(lists.begin(), lists.end()); }
-
-void echo_console_to(int fd) { state().console_echo_fd = fd; }
+bool record_call(const std::string &name, Lines args, long *result, int *err) {
+    state().calls.push_back({name, std::move(args)});
+    const std::string text = state().calls.back().text();
+    if (auto hook = state().hooks.find(name); hook != state().hooks.end()) hook->second();
+    return scripted(text, result, err) || scripted(name, result, err);
+}
 
 }  // namespace fcadmin_test
 
@@ -100,74 +105,52 @@ using namespace fcadmin_test;
 
 extern "C" {
 
-int32_t trace_module_init(int32_t *handle, int32_t module_id, int32_t size, const char *name,
-                          uint32_t *descriptor) {
-    std::vector<std::string> args = {std::to_string(module_id), std::to_string(size), text(name)};
-    for (int i = 0; i < 5; ++i) args.push_back(descriptor ? std::to_string(descriptor[i]) : "(null)");
-    record("trace_module_init", args);
-    const int h = state().handles.empty() ? (module_id == 305 ? 7 : 8) : take_front(state().handles);
-    if (handle != nullptr) *handle = h;
-    return next_result("trace_module_init");
+// Handles 7 and 8 for the two channels, unless a test scripts "trace_module_init handle".
+int32_t trace_module_init(int32_t *handle, int32_t id, int32_t size, const char *name, uint32_t *d) {
+    long assigned = id == 305 ? 7 : 8;
+    scripted("trace_module_init handle", &assigned, nullptr);
+    if (handle != nullptr) *handle = static_cast<int32_t>(assigned);
+    return static_cast<int32_t>(fake("trace_module_init", long{id}, long{size}, name, long{d[0]}, long{d[1]},
+                                     long{d[2]}, long{d[3]}, long{d[4]}));
 }
 
-int32_t trace_module_store_lvl(int32_t handle, int32_t module_id, int32_t level, int32_t flags,
-                               const char *line) {
-    record("trace_module_store_lvl", {std::to_string(handle), std::to_string(module_id),
-                                      std::to_string(level), std::to_string(flags), text(line)});
-    return next_result("trace_module_store_lvl");
+int32_t trace_module_store_lvl(int32_t handle, int32_t id, int32_t level, int32_t flags, const char *line) {
+    return static_cast<int32_t>(fake("trace_module_store_lvl", long{handle}, long{id}, long{level}, long{flags}, line));
 }
 
-int32_t ork_infra_system(const char *command, int32_t options, const char *redirect[5]) {
-    std::vector<std::string> args = {text(command), std::to_string(options)};
-    for (int i = 0; i < 5; ++i) args.push_back(redirect ? text(redirect[i]) : "(null)");
-    record("ork_infra_system", args);
-    return next_result("ork_infra_system");
+int32_t ork_infra_system(const char *command, int32_t options, const char *r[5]) {
+    return static_cast<int32_t>(fake("ork_infra_system", command, long{options}, r[0], r[1], r[2], r[3], r[4]));
 }
 
 int32_t ork_infra_scanf(const char *prompt, char *answer, int32_t limit) {
-    record("ork_infra_scanf", {text(prompt), std::to_string(limit)});
-    if (!state().answers.empty() && answer != nullptr && limit > 0) {
-        const std::string a = take_front(state().answers);
-        const size_t n = std::min(a.size(), static_cast<size_t>(limit) - 1);
-        memcpy(answer, a.data(), n);
-        answer[n] = '\0';
-    }
-    return next_result("ork_infra_scanf");
+    const long result = fake("ork_infra_scanf", prompt, long{limit});
+    take(state().answers, answer, limit);
+    return static_cast<int32_t>(result);
 }
 
-int32_t ork_verify_password(const char *password) {
-    record("ork_verify_password", {text(password)});
-    return next_result("ork_verify_password");
-}
+int32_t ork_verify_password(const char *password) { return static_cast<int32_t>(fake("ork_verify_password", password)); }
+int32_t geps_2env(void) { return static_cast<int32_t>(fake("geps_2env")); }
 
 int32_t console_printf(const char *format, ...) {
     char buf[4096];
     va_list args;
     va_start(args, format);
-    int n = vsnprintf(buf, sizeof buf, format, args);
+    const int n = vsnprintf(buf, sizeof buf, format, args);
     va_end(args);
-    record("console_printf", {buf});
-    if (state().console_echo_fd >= 0 && n > 0) {
-        size_t length = std::min(static_cast<size_t>(n), sizeof buf - 1);
-        if (write(state().console_echo_fd, buf, length) < 0) perror("console echo");
-    }
+    write_file(kConsoleFile, read_file(kConsoleFile) + buf, 0600);
+    fake("console_printf", buf);
     return n;
 }
 
-int32_t geps_2env(void) {
-    record("geps_2env", {});
-    return next_result("geps_2env");
-}
-
 void MD5_hash_compute(unsigned char digest[16], const unsigned char *data, uint32_t length) {
-    record("MD5_hash_compute", {std::to_string(length)});
+    fake("MD5_hash_compute", long{length});
     EVP_Digest(data, length, digest, nullptr, EVP_md5(), nullptr);
 }
 
 int32_t stage_export_content(const char *selector, const char *item, char list[1280]) {
-    record("stage_export_content", {text(selector), text(item)});
-    if (!state().lists.empty() && list != nullptr) snprintf(list, 1280, "%s", take_front(state().lists).c_str());
-    return next_result("stage_export_content");
+    const long result = fake("stage_export_content", selector, item);
+    take(state().lists, list, 1280);
+    return static_cast<int32_t>(result);
 }
 
 }  // extern "C"

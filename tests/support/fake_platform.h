@@ -1,48 +1,41 @@
-// Link-time fakes of the platform services: every call is recorded with its arguments, in order, and
-// returns a scripted value (0 when nothing is scripted).
+// Recording fakes of the platform services and, in the programs that link interpose.cpp, of the system
+// calls that the library makes on files and System V IPC: every call is recorded in order with its
+// arguments as text, and returns a scripted result.
 #pragma once
 
-#include <functional>
-#include <optional>
-#include <string>
-#include <vector>
+#include "tests/support/helpers.h"
 
 namespace fcadmin_test {
 
-struct PlatformCall {
-    std::string name;               // "ork_infra_system", "geps_2env", ...
-    std::vector<std::string> args;  // each argument as text; a null pointer is "(null)"
+struct Call {
+    std::string name;  // "ork_infra_system", "semop", ...
+    Lines args;        // each argument as text; a null pointer is "(null)"
+    std::string text() const;  // "name arg1 arg2 ..."
 };
+std::vector<Call> &calls();                        // since the last reset, in order
+Lines args_of(const std::string &name, size_t i);  // argument i of every call of name
+// One letter a call, from a key like "g=geps_2env r=ork_infra_system"; '?' for the others.
+std::string call_letters(const std::string &letters);
+void reset_platform();  // forgets calls, scripts and hooks
 
-// The calls since the last reset, in order.
-std::vector<PlatformCall> &platform_calls();
-// Only the calls of one service.
-std::vector<PlatformCall> platform_calls_of(const std::string &name);
-// Names of all calls, in order.
-std::vector<std::string> platform_call_names();
+// Results that the next calls return, one a call, then the real call (a system call) or the default (a
+// service: 0 unless set). The key is a call's text ("fsync tmp"), tried first, or its name; a scripted
+// system call fails with err.
+void script(const std::string &key, std::vector<long> results, int err = 0);
+void set_default(const std::string &name, long result);
+void script_answers(Lines answers);  // what ork_infra_scanf reads, one a call
+void script_lists(Lines lists);      // what stage_export_content writes into its list, one a call
+void on_call(const std::string &name, std::function<void()> hook);  // runs inside every call of name
+// console_printf appends its text here too, so that a forked child's console lines can be read.
+inline constexpr char kConsoleFile[] = "/tmp/console.txt";
 
-// Forgets all calls and scripts.
-void reset_platform();
+// Records a call; true with *result (and *err) when one is scripted.
+bool record_call(const std::string &name, Lines args, long *result, int *err = nullptr);
+bool scripted(const std::string &key, long *result, int *err);
 
-// Results that the next calls of a service return, one per call; afterwards the default.
-// Services: trace_module_init, trace_module_store_lvl, ork_infra_system, ork_infra_scanf,
-// ork_verify_password, geps_2env, stage_export_content.
-void script_results(const std::string &name, std::vector<int> results);
-void set_default_result(const std::string &name, int result);
-
-// Answers that ork_infra_scanf copies into the caller's buffer (bounded by the limit), one per call.
-void script_answers(std::vector<std::string> answers);
-// Handles that trace_module_init writes, one per call (default: 7 for module 305, 8 for 312).
-void script_trace_handles(std::vector<int> handles);
-// The list text that stage_export_content writes, one per call.
-void script_staged_lists(std::vector<std::string> lists);
-
-// Runs hook inside every call of a service, after the call is recorded and before it returns, so that
-// a test can look at process state at that moment (the terminal's echo while a password is read).
-void on_platform_call(const std::string &name, std::function<void()> hook);
-
-// Also writes the text of every console_printf call to fd (-1, the default, writes nothing). A forked
-// child's calls are recorded in the child only; this lets its parent see them through a pipe.
-void echo_console_to(int fd);
+// interpose.cpp: System V calls are recorded while recording is on, file calls only on labelled
+// paths, which the label stands for in the text ("fsync tmp").
+void interpose(bool on);
+void label_paths(std::vector<std::pair<std::string, std::string>> labels);
 
 }  // namespace fcadmin_test

@@ -1,16 +1,12 @@
-// Test support: helper dispatch, forked children, private mounts, small file helpers.
+// Test support: helper dispatch and the test main, forked children, files and output.
 #include "tests/support/helpers.h"
 
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
+#include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <climits>
-#include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -18,8 +14,8 @@
 namespace fcadmin_test {
 namespace {
 
-std::map<std::string, HelperFn> &helper_registry() {
-    static std::map<std::string, HelperFn> registry;
+std::map<std::string, int (*)(int, char **)> &helpers() {
+    static std::map<std::string, int (*)(int, char **)> registry;
     return registry;
 }
 
@@ -27,65 +23,78 @@ int failed_parts() {
     const ::testing::TestInfo *info = ::testing::UnitTest::GetInstance()->current_test_info();
     int failed = 0;
     for (int i = 0; info != nullptr && i < info->result()->total_part_count(); ++i)
-        failed += info->result()->GetTestPartResult(i).failed() ? 1 : 0;
+        failed += info->result()->GetTestPartResult(i).failed();
     return failed;
-}
-
-int wait_for(pid_t pid) {
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return status;
 }
 
 }  // namespace
 
-HelperRegistration::HelperRegistration(const char *name, HelperFn fn) { helper_registry()[name] = fn; }
-
-// Returns -1 when no helper was asked for, else the helper's exit status.
-int run_requested_helper(int argc, char **argv) {
-    const char *name = getenv("FCADMIN_TEST_HELPER");
-    if (name == nullptr || *name == '\0') return -1;
-    const auto it = helper_registry().find(name);
-    if (it == helper_registry().end()) {
-        fprintf(stderr, "no test helper named %s\n", name);
-        return 126;
-    }
-    return it->second(argc, argv);
+int register_helper(const char *name, int (*fn)(int, char **)) {
+    helpers()[name] = fn;
+    return 0;
 }
 
 std::string self_exe() {
     char path[PATH_MAX] = {};
-    ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-    return n > 0 ? std::string(path, static_cast<size_t>(n)) : std::string();
+    return std::string(path, static_cast<size_t>(std::max<ssize_t>(readlink("/proc/self/exe", path, sizeof path), 0)));
 }
 
 int run_in_child(const std::function<void()> &body) {
     fflush(nullptr);
     const pid_t pid = fork();
-    if (pid < 0) {
-        ADD_FAILURE() << "fork: " << strerror(errno);
-        return -1;
-    }
     if (pid == 0) {
-        // Only the child's own failures count: the parent's earlier ones are inherited by the fork.
-        const int before = failed_parts();
+        const int before = failed_parts();  // the parent's failures come along with the fork
         body();
         fflush(nullptr);
-        _exit(failed_parts() > before ? 1 : 0);
+        _exit(failed_parts() > before);
     }
-    return wait_for(pid);
+    int status = -1;
+    while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status;
 }
 
-void private_mounts() {
-    if (unshare(CLONE_NEWNS) != 0) ADD_FAILURE() << "unshare(CLONE_NEWNS): " << strerror(errno);
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        ADD_FAILURE() << "make / private: " << strerror(errno);
+void in_child(const std::function<void()> &body) { EXPECT_EQ(run_in_child(body), 0) << "the child's failures are above"; }
+
+int run_program(const Lines &argv, std::string *out) {
+    const int status = run_in_child([&] {
+        const int fd = open("/tmp/run_program.out", O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(fd, 1);
+        dup2(fd, 2);
+        std::vector<char *> args;
+        for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+        args.push_back(nullptr);
+        execvp(args[0], args.data());
+        _exit(127);
+    });
+    if (out != nullptr) *out = read_file("/tmp/run_program.out");
+    return status;
 }
 
-void bind_mount(const std::string &source, const std::string &target) {
-    if (mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0)
-        ADD_FAILURE() << "bind " << source << " over " << target << ": " << strerror(errno);
+std::string captured(int fd, const std::function<void()> &fn) {
+    const std::string path = "/tmp/captured." + std::to_string(fd);
+    fflush(nullptr);
+    const int saved = dup(fd), file = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    dup2(file, fd);
+    close(file);
+    fn();  // not flushed here: what the code under test leaves in its buffers does not count
+    dup2(saved, fd);
+    close(saved);
+    return read_file(path);
+}
+
+void terminal_on_stdin() {
+    int master = -1, slave = -1;
+    ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+    dup2(slave, STDIN_FILENO);
+}
+
+void expect_lines(const Lines &got, const Lines &want) {
+    ASSERT_EQ(got.size(), want.size()) << ::testing::PrintToString(got);
+    for (size_t i = 0; i < got.size(); ++i) {
+        const size_t n = !want[i].empty() && want[i].back() == '*' ? want[i].size() - 1 : std::string::npos;
+        EXPECT_EQ(got[i].substr(0, n), want[i].substr(0, n));
+    }
 }
 
 std::string read_file(const std::string &path) {
@@ -95,48 +104,11 @@ std::string read_file(const std::string &path) {
 }
 
 void write_file(const std::string &path, const std::string &content, int mode) {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode);
-    ASSERT_GE(fd, 0) << path << ": " << strerror(errno);
-    ASSERT_EQ(write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
-    fchmod(fd, static_cast<mode_t>(mode));
-    close(fd);
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+    EXPECT_EQ(chmod(path.c_str(), static_cast<mode_t>(mode)), 0) << path;
 }
 
 bool file_exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
-
-bool under_emulation() {
-    const char *flag = getenv("FCADMIN_UNDER_EMULATION");
-    return flag != nullptr && strcmp(flag, "1") == 0;
-}
-
-int run_program(const std::vector<std::string> &argv, std::string *out,
-                const std::vector<std::string> &extra_env) {
-    int pipefd[2] = {-1, -1};
-    if (out != nullptr && pipe(pipefd) != 0) return -1;
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        if (out != nullptr) {
-            dup2(pipefd[1], 1);
-            close(pipefd[0]);
-            close(pipefd[1]);
-        }
-        for (const auto &e : extra_env) putenv(const_cast<char *>(e.c_str()));
-        std::vector<char *> args;
-        for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
-        args.push_back(nullptr);
-        execvp(args[0], args.data());
-        _exit(127);
-    }
-    if (out != nullptr) {
-        close(pipefd[1]);
-        char buf[4096];
-        ssize_t n;
-        while ((n = read(pipefd[0], buf, sizeof buf)) > 0) out->append(buf, static_cast<size_t>(n));
-        close(pipefd[0]);
-    }
-    return wait_for(pid);
-}
 
 TransferRequest transfer_request(const char *protocol, const char *user, const char *password, const char *host,
                                  const char *remote_path, int32_t port, uint32_t addr_type) {
@@ -152,3 +124,12 @@ TransferRequest transfer_request(const char *protocol, const char *user, const c
 }
 
 }  // namespace fcadmin_test
+
+int main(int argc, char **argv) {
+    if (const char *name = getenv("FCADMIN_TEST_HELPER"); name != nullptr && *name != '\0') {
+        const auto it = fcadmin_test::helpers().find(name);
+        return it == fcadmin_test::helpers().end() ? 126 : it->second(argc, argv);
+    }
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

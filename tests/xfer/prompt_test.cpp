@@ -1,72 +1,68 @@
-// The password prompt with the platform fakes: when it asks, how often, and which verdict counts. Its
-// terminal handling is exercised on a pseudo-terminal through the fetch (fetch_runner_test).
-#include "fcadmin.h"
+// The password prompt: when it asks, how often, which verdict counts, echo off while the answer is read,
+// and a terminal it cannot use.
 #include "tests/support/fake_platform.h"
-#include "tests/support/helpers.h"
 
 #include <fcntl.h>
-#include <pty.h>
+#include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
-
-#include <algorithm>
 
 using namespace fcadmin_test;
 
 namespace {
 
-using Names = std::vector<std::string>;
-
-// In a forked child with a fresh terminal on standard input: QueryPassword for user against the
-// scripted reads and verdicts; checks its result and the platform calls it made, one letter each:
-// s for a prompt (ork_infra_scanf), v for a check (ork_verify_password).
-void expect_prompt(const char *user, std::vector<int> reads, std::vector<int> verdicts, int32_t result,
-                   const std::string &calls) {
-    EXPECT_EQ(run_in_child([&] {
-        int master = -1, slave = -1;
-        ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
-        ASSERT_EQ(dup2(slave, 0), 0);
-        reset_platform();
-        script_answers({"one", "two", "three"});
-        script_results("ork_infra_scanf", reads);
-        script_results("ork_verify_password", verdicts);
-        char password[384] = {};
-        EXPECT_EQ(QueryPassword(user, password), result);
-        std::string seen;
-        for (const auto &name : platform_call_names())
-            seen += name == "ork_infra_scanf" ? 's' : name == "ork_verify_password" ? 'v' : '?';
-        EXPECT_EQ(seen, calls);
-        for (const auto &call : platform_calls_of("ork_infra_scanf"))
-            EXPECT_EQ(call.args, (Names{"Password", "384"}));
-        // The field holds the last answer read, accepted or not.
-        const char *answers[] = {"one", "two", "three"};
-        EXPECT_STREQ(password, answers[std::count(calls.begin(), calls.end(), 's') - 1]);
-    }), 0);
-}
-
-TEST(QueryPassword, AsksNothingWhenNoPasswordIsNeeded) {
-    // Standard input is no terminal here: touching it would end the child with status 1.
-    EXPECT_IN_CHILD({
-        dup2(open("/dev/null", O_RDONLY), 0);
-        reset_platform();
-        char password[384] = "given";
-        EXPECT_EQ(QueryPassword("guest", password), 0);
-        EXPECT_STREQ(password, "given");
-        char empty[384] = {};
-        for (const char *user : {"anonymous", "anon", "a", ""}) EXPECT_EQ(QueryPassword(user, empty), 0) << user;
-        EXPECT_EQ(QueryPassword(nullptr, empty), -1);
-        EXPECT_EQ(QueryPassword("guest", nullptr), -1);
-        EXPECT_TRUE(platform_calls().empty());
+TEST(QueryPassword, AsksOnlyWhenNeededAndTheLatestReadDecides) {
+    const struct {
+        const char *user, *given;
+        std::vector<long> reads, verdicts;
+        int32_t result;
+        std::string calls, field;  // s a prompt with echo off, v a check; the field afterwards
+    } rows[] = {
+        {"guest", "given", {}, {}, 0, "", "given"},
+        {"anon", "", {}, {}, 0, "", ""},  // every prefix of "anonymous" is anonymous, the empty name too
+        {"", "", {}, {}, 0, "", ""},
+        {"anonymous2", "", {0}, {1}, 0, "sv", "one"},
+        // A rejected answer stays in the field; a read that fails keeps the verdict before it.
+        {"guest", "", {0, 0, 0}, {0, 0, 0}, -1, "svsvsv", "three"},
+        {"guest", "", {0, 0}, {0, 1}, 0, "svsv", "two"},
+        {"guest", "", {0, -1, 0}, {0, 0}, -1, "svssv", "three"},
+        {"guest", "", {-1, -1, -1}, {1}, -1, "sss", "three"},
+    };
+    in_child([&] {
+        terminal_on_stdin();
+        for (const auto &row : rows) {
+            reset_platform();
+            script("ork_infra_scanf", row.reads);
+            script("ork_verify_password", row.verdicts);
+            script_answers({"one", "two", "three"});
+            std::string echo;
+            on_call("ork_infra_scanf", [&] {
+                termios t{};
+                echo += tcgetattr(STDIN_FILENO, &t) == 0 && (t.c_lflag & ECHO) == 0 ? "" : "echo!";
+            });
+            char password[384] = {};
+            strcpy(password, row.given);
+            EXPECT_EQ(QueryPassword(row.user, password), row.result) << row.user << " " << row.calls;
+            EXPECT_EQ(call_letters("s=ork_infra_scanf v=ork_verify_password") + echo + "|" + password, row.calls + "|" + row.field);
+            for (const auto &call : calls()) EXPECT_TRUE(call.name[4] == 'v' || call.text() == "ork_infra_scanf Password 384");
+            termios t{};
+            EXPECT_TRUE(tcgetattr(STDIN_FILENO, &t) == 0 && (t.c_lflag & ECHO) != 0);
+        }
     });
-    // "anonymous2" is no prefix of "anonymous": the bound is the name's own length.
-    expect_prompt("anonymous2", {0}, {1}, 0, "sv");
+    char password[384] = {};
+    EXPECT_EQ(QueryPassword(nullptr, password) + QueryPassword("guest", nullptr), -2);
 }
 
-TEST(QueryPassword, LatestSuccessfulReadDecides) {
-    expect_prompt("guest", {0, 0, 0}, {0, 0, 0}, -1, "svsvsv");
-    expect_prompt("guest", {0, 0}, {0, 1}, 0, "svsv");
-    // A prompt whose read fails is not judged; the verdict before it stands.
-    expect_prompt("guest", {0, -1, 0}, {0, 0}, -1, "svssv");
-    expect_prompt("guest", {-1, -1, -1}, {1}, -1, "sss");
+TEST(QueryPassword, WithoutATerminalTheProcessEnds) {
+    const int status = run_in_child([] {
+        dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+        dup2(open("/tmp/prompt.err", O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
+        char password[384] = {};
+        QueryPassword("guest", password);
+        _exit(0);
+    });
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+    EXPECT_EQ(read_file("/tmp/prompt.err"), "Failed to set tty info\n");
 }
 
 }  // namespace

@@ -1,9 +1,5 @@
 # Sourced by demo_steps.sh: the fetch, against throwaway sshd and vsftpd on the sandbox's own loopback.
-peers="$(dirname "$tool")/fcadmin_test_peers"
-if [ ! -x "$peers" ]; then
-    step "fcadmin fetch: skipped ($peers is built with the tests)"
-    return 0
-fi
+peers="$here/../tests/support/peers.sh"
 fetch_work=$(mktemp -d /tmp/demo_fetch.XXXXXX)
 chmod 0755 "$fetch_work"  # the servers serve j.doe's home below it as j.doe
 fetch_home="$fetch_work/peers/home/j.doe"

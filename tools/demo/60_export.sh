@@ -1,9 +1,5 @@
 # Sourced by demo_steps.sh: the export, staged items uploaded over scp and sftp to a throwaway sshd.
-peers="$(dirname "$tool")/fcadmin_test_peers"
-if [ ! -x "$peers" ]; then
-    step "fcadmin export: skipped ($peers is built with the tests)"
-    return 0
-fi
+peers="$here/../tests/support/peers.sh"
 export_work=$(mktemp -d /tmp/demo_export.XXXXXX)
 chmod 0755 "$export_work"  # sshd writes into j.doe's home below it as j.doe
 export_home="$export_work/peers/home/j.doe"
