@@ -93,6 +93,7 @@ TEST(Export, CommandLinesAndExitPaths) {
         {"scpx", "pw", 2222, 1, {1, 1, 1}, nullptr, -50, scp_all, "Sgrgrgrc", "-", "-"},
         // Port 0 leaves an empty argument; a key-based success needs no prompt even without a password.
         {"scp", "", 0, 1, {0}, nullptr, 0, {scp("", kKey)}, "Sgrc", "-", "-"},
+        {"scp", "", 0, 1, {1, 0}, nullptr, 0, {scp("", kKey), scp("", kKbd)}, "Sgrgrc", "-", "-"},
         {"scp", "", 0, 1, {}, nullptr, -5, {scp("", kKey), scp("", kKbd)}, "Sgrgrqvqvqvc", "-", "-"},
         {"sftp", "", 0, 1, {1, 0}, nullptr, 0, {sftp(kKey, ""), sftp(kKbd, "")}, "Sgrgrc", put, "-"},
         // A failed prompt deliberately leaves the batch file behind.
