@@ -27,7 +27,8 @@ State &state() {  // a function-local static: the C library may call an interpos
 }
 
 std::string text(const char *s) { return s == nullptr ? "(null)" : s; }
-std::string text(long v) { return std::to_string(v); }
+template <typename T>
+std::string text(T v) { return std::to_string(v); }
 
 template <typename... A>
 long fake(const std::string &name, A... args) {
@@ -110,20 +111,20 @@ int32_t trace_module_init(int32_t *handle, int32_t id, int32_t size, const char 
     long assigned = id == 305 ? 7 : 8;
     scripted("trace_module_init handle", &assigned, nullptr);
     if (handle != nullptr) *handle = static_cast<int32_t>(assigned);
-    return static_cast<int32_t>(fake("trace_module_init", long{id}, long{size}, name, long{d[0]}, long{d[1]},
-                                     long{d[2]}, long{d[3]}, long{d[4]}));
+    return static_cast<int32_t>(fake("trace_module_init", id, size, name, d[0], d[1],
+                                     d[2], d[3], d[4]));
 }
 
 int32_t trace_module_store_lvl(int32_t handle, int32_t id, int32_t level, int32_t flags, const char *line) {
-    return static_cast<int32_t>(fake("trace_module_store_lvl", long{handle}, long{id}, long{level}, long{flags}, line));
+    return static_cast<int32_t>(fake("trace_module_store_lvl", handle, id, level, flags, line));
 }
 
 int32_t ork_infra_system(const char *command, int32_t options, const char *r[5]) {
-    return static_cast<int32_t>(fake("ork_infra_system", command, long{options}, r[0], r[1], r[2], r[3], r[4]));
+    return static_cast<int32_t>(fake("ork_infra_system", command, options, r[0], r[1], r[2], r[3], r[4]));
 }
 
 int32_t ork_infra_scanf(const char *prompt, char *answer, int32_t limit) {
-    const long result = fake("ork_infra_scanf", prompt, long{limit});
+    const long result = fake("ork_infra_scanf", prompt, limit);
     take(state().answers, answer, limit);
     return static_cast<int32_t>(result);
 }
@@ -138,12 +139,12 @@ int32_t console_printf(const char *format, ...) {
     const int n = vsnprintf(buf, sizeof buf, format, args);
     va_end(args);
     write_file(kConsoleFile, read_file(kConsoleFile) + buf, 0600);
-    fake("console_printf", buf);
+    fake("console_printf", static_cast<const char *>(buf));
     return n;
 }
 
 void MD5_hash_compute(unsigned char digest[16], const unsigned char *data, uint32_t length) {
-    fake("MD5_hash_compute", long{length});
+    fake("MD5_hash_compute", length);
     EVP_Digest(data, length, digest, nullptr, EVP_md5(), nullptr);
 }
 
