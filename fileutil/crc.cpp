@@ -5,7 +5,9 @@
 #include "fcadmin.h"
 #include "fcadmin_platform.h"
 
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -85,6 +87,67 @@ uint32_t crc16_portable(uint32_t crc, const unsigned char *data, size_t length) 
     for (; length > 0; ++data, --length) crc = kSliceTables.slice[0][(crc ^ *data) & 0xFFu] ^ (crc >> 8);
     return crc;
 }
+
+namespace {
+
+// Large files are read into fresh anonymous memory in huge pages where the kernel offers them: a few
+// hundred page faults instead of tens of thousands. The file itself is never mapped, so a file that
+// shrinks while it is read cannot raise SIGBUS.
+constexpr size_t kMappedDigestMinimum = size_t{4} << 20;
+constexpr size_t kHugePage = size_t{2} << 20;
+
+// The whole content of a file for one digest call, uninitialised until read_at_most fills it.
+class DigestBuffer {
+public:
+    explicit DigestBuffer(size_t size) {
+        if (size < kMappedDigestMinimum) {
+            data_ = static_cast<unsigned char *>(malloc(size > 0 ? size : 1));
+            return;
+        }
+        // Room to start on a huge-page boundary; the slack on either side is given back.
+        const size_t reserved = size + kHugePage;
+        void *area = mmap(nullptr, reserved, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (area == MAP_FAILED) return;
+        const auto start = reinterpret_cast<uintptr_t>(area);
+        const uintptr_t aligned = (start + kHugePage - 1) & ~uintptr_t{kHugePage - 1};
+        const size_t mapped = (size + kHugePage - 1) & ~(kHugePage - 1);
+        if (aligned > start) munmap(area, aligned - start);
+        if (start + reserved > aligned + mapped)
+            munmap(reinterpret_cast<void *>(aligned + mapped), start + reserved - aligned - mapped);
+        data_ = reinterpret_cast<unsigned char *>(aligned);
+        mapped_ = mapped;
+        madvise(data_, mapped_, MADV_HUGEPAGE);  // advice only: small pages work as well
+    }
+    DigestBuffer(const DigestBuffer &) = delete;
+    DigestBuffer &operator=(const DigestBuffer &) = delete;
+    ~DigestBuffer() {
+        if (mapped_ > 0)
+            munmap(data_, mapped_);
+        else
+            free(data_);
+    }
+
+    bool valid() const { return data_ != nullptr; }
+    unsigned char *data() const { return data_; }
+
+private:
+    unsigned char *data_ = nullptr;
+    size_t mapped_ = 0;
+};
+
+// Reads from the start of the file until size bytes are in or the file ends; zeros fill the rest.
+void read_at_most(int fd, unsigned char *buffer, size_t size) {
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t got =
+            retry_eintr([&] { return pread(fd, buffer + done, size - done, static_cast<off_t>(done)); });
+        if (got <= 0) break;
+        done += static_cast<size_t>(got);
+    }
+    memset(buffer + done, 0, size - done);
+}
+
+}  // namespace
 
 #if defined(__x86_64__)
 namespace {
@@ -211,15 +274,14 @@ int32_t get_crc(const char *path) {
     // value that the device could have stored.
     if (size > UINT32_MAX) return 0;
 
-    // Zero-filled and never of size 0, so an empty file and a file that shrank under us still hash a
-    // defined buffer of the size found above.
-    unsigned char *buffer = static_cast<unsigned char *>(calloc(size > 0 ? size : 1, 1));
-    if (buffer == nullptr) return 0;
-    fcadmin::scope_exit free_buffer([buffer] { free(buffer); });
-    if (size > 0) (void)fread(buffer, size, 1, file);
+    fcadmin::DigestBuffer buffer(size);
+    if (!buffer.valid()) return 0;
+    // What the file still holds of that size; a file that shrank under us leaves zeros after its end, and
+    // one that grew is read only as far as the size found above.
+    fcadmin::read_at_most(fileno(file), buffer.data(), size);
 
     unsigned char digest[fcadmin::kMd5DigestSize] = {};
-    MD5_hash_compute(digest, buffer, static_cast<uint32_t>(size));
+    MD5_hash_compute(digest, buffer.data(), static_cast<uint32_t>(size));
     // Big-endian whatever the host's byte order: the device and a host must agree on stored values.
     uint32_t value = (uint32_t{digest[0]} << 24) | (uint32_t{digest[1]} << 16) | (uint32_t{digest[2]} << 8) |
                      uint32_t{digest[3]};
