@@ -7,40 +7,29 @@
 namespace fcadmin {
 namespace {
 
-// True when every conversion is a plain %s, %d, %ld or %%: no flags, widths, precisions or others.
-bool plain_conversions_only(const char *format) {
-    for (const char *p = strchr(format, '%'); p != nullptr; p = strchr(p + 1, '%')) {
-        ++p;
-        if (*p == 'l') ++p;
-        if (*p != 'd' && !(p[-1] == '%' && (*p == 's' || *p == '%'))) return false;
-    }
-    return true;
-}
-
-// Stores what vsnprintf stores for such a format, cut at size - 1 and terminated, without its cost: it
-// is most of the price of a trace line, and the lock calls write one for every step.
+// Stores what vsnprintf stores, cut at size - 1 and terminated, for the conversions that the library's
+// own lines use (plain %s, %d, %ld and %%) without vsnprintf's cost: it was most of the price of a
+// trace line, and a read lock pair writes three.
 class Cut {
 public:
     Cut(char *buf, size_t size) : buf_(buf), room_(size - 1) {}
-    void put(char c) {
-        if (length_ < room_) buf_[length_++] = c;
-    }
-    void put(const char *text) {
-        const size_t n = strnlen(text, room_ - length_);
+    void put(const char *text, size_t n) {
+        n = n < room_ - length_ ? n : room_ - length_;
         memcpy(buf_ + length_, text, n);
         length_ += n;
     }
+    void put(const char *text) { put(text, strnlen(text, room_ - length_)); }
     void put(long number) {
         char digits[24];
-        size_t n = 0;
+        size_t n = sizeof digits;
         // Built from the negative side, where every long has a value, LONG_MIN included.
         long rest = number < 0 ? number : -number;
         do {
-            digits[n++] = static_cast<char>('0' - rest % 10);
+            digits[--n] = static_cast<char>('0' - rest % 10);
             rest /= 10;
         } while (rest != 0);
-        if (number < 0) put('-');
-        while (n > 0) put(digits[--n]);
+        if (number < 0) digits[--n] = '-';
+        put(digits + n, sizeof digits - n);
     }
     int finish() {
         buf_[length_] = '\0';
@@ -53,35 +42,41 @@ private:
     size_t length_ = 0;
 };
 
+// -1 at the first conversion it does not do (a flag, a width, a precision, another conversion).
 int plain_vformat(char *buf, size_t size, const char *format, va_list args) {
     Cut out(buf, size);
-    for (const char *p = format; *p != '\0'; ++p) {
-        if (*p != '%') {
-            out.put(*p);
-            continue;
-        }
-        ++p;
-        if (*p == '%') {
-            out.put('%');
-        } else if (*p == 's') {
+    for (const char *p = format;;) {
+        const char *percent = strchrnul(p, '%');
+        out.put(p, static_cast<size_t>(percent - p));
+        if (*percent == '\0') return out.finish();
+        p = percent + 2;
+        switch (percent[1]) {
+        case '%': out.put("%", 1); break;
+        case 's': {
             const char *text = va_arg(args, const char *);
             out.put(text != nullptr ? text : "(null)");
-        } else if (*p == 'l') {
-            ++p;
+            break;
+        }
+        case 'd': out.put(static_cast<long>(va_arg(args, int))); break;
+        case 'l':
+            if (percent[2] != 'd') return -1;
             out.put(va_arg(args, long));
-        } else {
-            out.put(static_cast<long>(va_arg(args, int)));
+            ++p;
+            break;
+        default: return -1;
         }
     }
-    return out.finish();
 }
 
 }  // namespace
 
 int bounded_vformat(char *buf, size_t size, const char *format, va_list args) {
     if (buf == nullptr || size == 0) return 0;
-    if (plain_conversions_only(format)) return plain_vformat(buf, size, format, args);
-    int n = vsnprintf(buf, size, format, args);
+    va_list again;
+    va_copy(again, args);
+    int n = plain_vformat(buf, size, format, args);
+    if (n < 0) n = vsnprintf(buf, size, format, again);
+    va_end(again);
     if (n < 0) {
         buf[0] = '\0';
         return 0;
