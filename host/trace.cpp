@@ -72,8 +72,9 @@ size_t format_line(char *line, size_t size, int32_t module_id, int32_t level, co
     size_t n = static_cast<size_t>(fcadmin::bounded_format(line, size, "%s.%sZ %d %d %s", stamp.text, micro,
                                                            module_id, level, text));
     // One line per store: a newline inside the text would split it in the file and the dump.
-    for (size_t i = 0; i < n; ++i)
-        if (line[i] == '\n' || line[i] == '\r') line[i] = ' ';
+    if (strpbrk(text, "\r\n") != nullptr)
+        for (size_t i = 0; i < n; ++i)
+            if (line[i] == '\n' || line[i] == '\r') line[i] = ' ';
     return n;
 }
 
