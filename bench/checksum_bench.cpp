@@ -98,8 +98,8 @@ const auto registered_crc = [] {
 std::string sample_base64(size_t decoded_size) {
     const auto data = sample_bytes(decoded_size);
     std::string text(4 * ((decoded_size + 2) / 3) + 1, '\0');
-    const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char *>(text.data()), data.data(),
-                                  static_cast<int>(data.size()));
+    const int n =
+        EVP_EncodeBlock(reinterpret_cast<unsigned char *>(text.data()), data.data(), static_cast<int>(data.size()));
     text.resize(static_cast<size_t>(n));
     return text;
 }
@@ -148,14 +148,15 @@ void base64_benchmark(benchmark::State &state, F decode) {
 }
 
 const auto registered_base64 = [] {
-    benchmark::RegisterBenchmark("base64/base64decode", [](benchmark::State &s) { base64_benchmark(s, base64decode); })
-        ->Arg(1 << 20);
-    benchmark::RegisterBenchmark("base64/one_byte_reads",
-                                 [](benchmark::State &s) { base64_benchmark(s, one_byte_base64decode); })
-        ->Arg(1 << 20);
-    benchmark::RegisterBenchmark("base64/evp_decode_block",
-                                 [](benchmark::State &s) { base64_benchmark(s, evp_base64decode); })
-        ->Arg(1 << 20);
+    benchmark::RegisterBenchmark("base64/base64decode", [](benchmark::State &s) {
+        base64_benchmark(s, base64decode);
+    })->Arg(1 << 20);
+    benchmark::RegisterBenchmark("base64/one_byte_reads", [](benchmark::State &s) {
+        base64_benchmark(s, one_byte_base64decode);
+    })->Arg(1 << 20);
+    benchmark::RegisterBenchmark("base64/evp_decode_block", [](benchmark::State &s) {
+        base64_benchmark(s, evp_base64decode);
+    })->Arg(1 << 20);
     return 0;
 }();
 
@@ -191,8 +192,8 @@ int32_t literal_get_crc(const char *path) {
     unsigned char digest[16];
     MD5_hash_compute(digest, buffer, static_cast<uint32_t>(size));
     free(buffer);
-    return static_cast<int32_t>((uint32_t{digest[0]} << 24) | (uint32_t{digest[1]} << 16) |
-                                (uint32_t{digest[2]} << 8) | digest[3]);
+    return static_cast<int32_t>((uint32_t{digest[0]} << 24) | (uint32_t{digest[1]} << 16) | (uint32_t{digest[2]} << 8) |
+                                digest[3]);
 }
 
 // The floor: MD5 streamed over 64 KiB reads into one reused buffer.
@@ -206,8 +207,8 @@ int32_t streaming_md5(const char *path) {
     EVP_DigestFinal_ex(context, digest, nullptr);
     EVP_MD_CTX_free(context);
     close(fd);
-    return static_cast<int32_t>((uint32_t{digest[0]} << 24) | (uint32_t{digest[1]} << 16) |
-                                (uint32_t{digest[2]} << 8) | digest[3]);
+    return static_cast<int32_t>((uint32_t{digest[0]} << 24) | (uint32_t{digest[1]} << 16) | (uint32_t{digest[2]} << 8) |
+                                digest[3]);
 }
 
 template <typename F>
@@ -219,13 +220,15 @@ void digest_benchmark(benchmark::State &state, F digest) {
 }
 
 const auto registered_digest = [] {
-    benchmark::RegisterBenchmark("digest/get_crc", [](benchmark::State &s) { digest_benchmark(s, get_crc); })
-        ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("digest/literal_get_crc",
-                                 [](benchmark::State &s) { digest_benchmark(s, literal_get_crc); })
-        ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("digest/streaming_md5", [](benchmark::State &s) { digest_benchmark(s, streaming_md5); })
-        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("digest/get_crc", [](benchmark::State &s) {
+        digest_benchmark(s, get_crc);
+    })->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("digest/literal_get_crc", [](benchmark::State &s) {
+        digest_benchmark(s, literal_get_crc);
+    })->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("digest/streaming_md5", [](benchmark::State &s) {
+        digest_benchmark(s, streaming_md5);
+    })->Unit(benchmark::kMillisecond);
     return 0;
 }();
 

@@ -85,7 +85,11 @@ void resident_sizes(benchmark::internal::Benchmark *b) {
 BENCHMARK(launch_benchmark<fork_exec>)->Name("launch/fork_exec")->Apply(resident_sizes);
 BENCHMARK(launch_benchmark<spawn>)->Name("launch/posix_spawn")->Apply(resident_sizes);
 BENCHMARK(launch_benchmark<library>)->Name("launch/admin_system_call")->Apply(resident_sizes);
-BENCHMARK(launch_benchmark<fork_launcher>)->Name("launch/fork_launcher")->Arg(0)->Arg(1024)
-    ->Unit(benchmark::kMicrosecond)->MinTime(0.05);
+BENCHMARK(launch_benchmark<fork_launcher>)
+    ->Name("launch/fork_launcher")
+    ->Arg(0)
+    ->Arg(1024)
+    ->Unit(benchmark::kMicrosecond)
+    ->MinTime(0.05);
 
 }  // namespace
