@@ -185,18 +185,8 @@ __attribute__((target("pclmul"))) inline __m128i fold(__m128i block, __m128i con
 
 inline __m128i load(const unsigned char *p) { return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p)); }
 
-}  // namespace
-
-bool crc16_clmul_available() {
-    static const bool available = [] {
-        unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
-        return __get_cpuid(1, &eax, &ebx, &ecx, &edx) != 0 && (ecx & bit_PCLMUL) != 0;
-    }();
-    return available;
-}
-
-__attribute__((target("pclmul"))) uint32_t crc16_clmul(uint32_t crc, const unsigned char *data, size_t length) {
-    if (length < kClmulMinimum) return crc16_portable(crc, data, length);
+// Only called where the processor has PCLMULQDQ and the buffer holds at least kClmulMinimum bytes.
+__attribute__((target("pclmul"))) uint32_t fold_and_finish(uint32_t crc, const unsigned char *data, size_t length) {
     // Low lane: the block's first eight bytes (the higher powers); high lane: the last eight.
     const __m128i by_four = _mm_set_epi64x(static_cast<long long>(fold_constant(kLanes * 128)),
                                            static_cast<long long>(fold_constant(kLanes * 128 + 64)));
@@ -217,6 +207,22 @@ __attribute__((target("pclmul"))) uint32_t crc16_clmul(uint32_t crc, const unsig
     unsigned char folded[kBlock];
     _mm_storeu_si128(reinterpret_cast<__m128i *>(folded), x);
     return crc16_portable(crc16_portable(0, folded, kBlock), data, length);
+}
+
+}  // namespace
+
+bool crc16_clmul_available() {
+    static const bool available = [] {
+        unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+        return __get_cpuid(1, &eax, &ebx, &ecx, &edx) != 0 && (ecx & bit_PCLMUL) != 0;
+    }();
+    return available;
+}
+
+// Falls back to the tables where the processor lacks PCLMULQDQ or the buffer is too short to pay.
+uint32_t crc16_clmul(uint32_t crc, const unsigned char *data, size_t length) {
+    if (length < kClmulMinimum || !crc16_clmul_available()) return crc16_portable(crc, data, length);
+    return fold_and_finish(crc, data, length);
 }
 
 #else
@@ -250,9 +256,7 @@ constinit uint16_t crc_table16[256] = {
 // The same value as the byte-by-byte loop over crc_table16, taken by the fastest way this processor has.
 uint32_t crc16_compute(const unsigned char *data, int32_t length) {
     if (data == nullptr || length <= 0) return 0;
-    const auto size = static_cast<size_t>(length);
-    if (fcadmin::crc16_clmul_available()) return fcadmin::crc16_clmul(0, data, size);
-    return fcadmin::crc16_portable(0, data, size);
+    return fcadmin::crc16_clmul(0, data, static_cast<size_t>(length));
 }
 
 // Named a checksum, but the value is the head of an MD5 digest; stored values depend on it, keep it so.
