@@ -104,13 +104,14 @@ public:
             data_ = static_cast<unsigned char *>(malloc(size > 0 ? size : 1));
             return;
         }
-        // Room to start on a huge-page boundary; the slack on either side is given back.
-        const size_t reserved = size + kHugePage;
+        // Whole huge pages, and room to start them on a huge-page boundary; the slack on either side
+        // is given back.
+        const size_t mapped = (size + kHugePage - 1) & ~(kHugePage - 1);
+        const size_t reserved = mapped + kHugePage;
         void *area = mmap(nullptr, reserved, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (area == MAP_FAILED) return;
         const auto start = reinterpret_cast<uintptr_t>(area);
         const uintptr_t aligned = (start + kHugePage - 1) & ~uintptr_t{kHugePage - 1};
-        const size_t mapped = (size + kHugePage - 1) & ~(kHugePage - 1);
         if (aligned > start) munmap(area, aligned - start);
         if (start + reserved > aligned + mapped)
             munmap(reinterpret_cast<void *>(aligned + mapped), start + reserved - aligned - mapped);
