@@ -132,11 +132,18 @@ int exec_words(const CommandWords &words) {
     _exit(kExecFailedExit);
 }
 
-// What a clone child is given and leaves behind, in the memory it shares with its parent.
+// What a clone child is given, in the memory it shares with its parent, and what it reports back.
 struct CloneChild {
     const CommandWords *words;
     const SavedSignals *signals;
-    enum { started, log_open_failed, exec_failed } outcome;
+    int report;  // write end of the report pipe, closed by a successful exec
+};
+
+// A child that could not run the tool writes one of these into the report pipe before _exit. A pipe
+// rather than the shared memory: an emulator that runs the clone as a plain fork (qemu's user mode
+// does) shares nothing, and the parent must still print the line.
+struct ChildFailure {
+    enum Step : int { log_open, exec } step;
     int error;
 };
 
@@ -152,7 +159,7 @@ struct sigaction as_exec_leaves_it(struct sigaction action) {
 
 // Runs in the clone child, on a stack of its own in the caller's memory, every signal blocked and the
 // caller suspended until exec or _exit: async-signal-safe calls only, no console, no allocation. The
-// failure and its errno go back to the parent, which prints the line. The steps are the forked
+// failure and its errno go back to the parent through the report pipe, and the parent prints the line. The steps are the forked
 // child's, in the same order. Not instrumented by AddressSanitizer: its stack is none that the
 // sanitizer knows, and the sanitizer's warning about that would land in the tool's log.
 __attribute__((no_sanitize("address"))) int run_clone_child(void *argument) {
@@ -167,7 +174,8 @@ __attribute__((no_sanitize("address"))) int run_clone_child(void *argument) {
         sigaction(sig, &reset, nullptr);
     }
     if (!redirect_to_log()) {
-        child.outcome = CloneChild::log_open_failed;
+        const ChildFailure failure{ChildFailure::log_open, 0};
+        (void)!write(child.report, &failure, sizeof failure);
         _exit(kOpenFailedExit);
     }
     for (int i = 0; i < kGuardedCount; ++i) {
@@ -175,10 +183,40 @@ __attribute__((no_sanitize("address"))) int run_clone_child(void *argument) {
         sigaction(kGuardedSignals[i], &restored, nullptr);
     }
     sigprocmask(SIG_SETMASK, &child.signals->mask(), nullptr);
-    child.error = exec_words(*child.words);
-    child.outcome = CloneChild::exec_failed;
+    const ChildFailure failure{ChildFailure::exec, exec_words(*child.words)};
+    (void)!write(child.report, &failure, sizeof failure);
     _exit(kExecFailedExit);
 }
+
+// The report pipe, close-on-exec, both ends above standard error: a caller that runs with standard
+// output or error closed must find the log on that descriptor, not the pipe.
+class ReportPipe {
+public:
+    ReportPipe() {
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0) return;
+        read_.reset(above_standard_error(ends[0]));
+        write_.reset(above_standard_error(ends[1]));
+    }
+    bool valid() const { return read_.valid() && write_.valid(); }
+    int write_end() const { return write_.get(); }
+
+    // After the clone: the child has exec'd (the pipe reads as empty) or written its failure.
+    bool child_failed(ChildFailure &failure) {
+        write_.reset();
+        const ssize_t got = retry_eintr([&] { return read(read_.get(), &failure, sizeof failure); });
+        return got == static_cast<ssize_t>(sizeof failure);
+    }
+
+private:
+    static int above_standard_error(int fd) {
+        if (fd > STDERR_FILENO) return fd;
+        const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        close(fd);
+        return moved;
+    }
+    unique_fd read_, write_;
+};
 
 // The clone child's stack: execvp builds each candidate path on it, so it grows with PATH. A guard page
 // at its end stops an overflow before it reaches the caller's memory.
@@ -252,22 +290,25 @@ int32_t fork_and_wait(const char *command, const CommandWords &words) {
 // The caller sets its signals up first, for the child to inherit, and is suspended until the exec.
 int32_t clone_and_wait(const char *command, const CommandWords &words) {
     ChildStack stack;
-    if (!stack.valid()) return kFailure;
+    ReportPipe report;
+    if (!stack.valid() || !report.valid()) return kFailure;
 
     SavedSignals signals;
     signals.ignore_and_block();
     sigset_t all, guarded;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &guarded);
-    CloneChild state{&words, &signals, CloneChild::started, 0};
+    CloneChild state{&words, &signals, report.write_end()};
     const pid_t child = clone(run_clone_child, stack.top(), CLONE_VM | CLONE_VFORK | SIGCHLD, &state);
     pthread_sigmask(SIG_SETMASK, &guarded, nullptr);
     if (child < 0) return kFailure;  // the signals go back as they were: nothing changed
+    ChildFailure failure{};
+    const bool failed = report.child_failed(failure);
     errno = 0;
 
     const int32_t result = wait_for_child(child);
-    if (state.outcome == CloneChild::log_open_failed) report_log_open_failed(command);
-    if (state.outcome == CloneChild::exec_failed) report_exec_failed(state.error);
+    if (failed && failure.step == ChildFailure::log_open) report_log_open_failed(command);
+    if (failed && failure.step == ChildFailure::exec) report_exec_failed(failure.error);
     if (getCLIContext() == kCommandLineContext) signals.keep();
     return result;
 }
