@@ -15,9 +15,9 @@ series() {
     jq -r --arg family "$1" --arg field "$2" '
         .benchmarks[]
         | select(.aggregate_name == "median" and (.run_name | startswith($family + "/")))
-        | [(.run_name | split("/")[length - (if (.run_name | test("min_time")) then 2 else 1 end)] | tonumber),
-           (if $field == "ms" then .real_time / (if .time_unit == "us" then 1e3 elif .time_unit == "ns" then 1e6
-                                                 else 1 end)
+        | (.run_name | split("/")) as $parts
+        | [($parts[2] | tonumber),
+           (if $field == "ms" then .real_time / ({"ns": 1e6, "us": 1e3, "ms": 1, "s": 1e-3}[.time_unit])
             else .bytes_per_second / 1e9 end)]
         | @tsv' "$json" | sort -n
 }
@@ -30,7 +30,7 @@ for path in byte_table portable compute; do
 done
 
 gnuplot <<EOF
-set terminal pngcairo size 900,560 font ",11"
+set terminal pngcairo size 900,560 font ",11" noenhanced
 set grid
 set key top left
 
@@ -39,6 +39,7 @@ set title "Starting /bin/true and waiting for it, against the caller's resident 
 set xlabel "resident size of the caller (MiB)"
 set ylabel "time per launch (ms)"
 set logscale xy
+set xrange [8:3000]
 plot "$data/fork_exec" using 1:2 with linespoints title "fork + exec", \
      "$data/posix_spawn" using 1:2 with linespoints title "posix_spawn", \
      "$data/admin_system_call" using 1:2 with linespoints title "admin_system_call"
@@ -49,7 +50,8 @@ set xlabel "buffer size (bytes)"
 set ylabel "throughput (GB/s)"
 set logscale x 4
 unset logscale y
-set format x "%.0s%cB"
+set xrange [48:96000000]
+set xtics ("64 B" 64, "1 KiB" 1024, "16 KiB" 16384, "256 KiB" 262144, "4 MiB" 4194304, "64 MiB" 67108864)
 plot "$data/byte_table" using 1:2 with linespoints title "byte table (before)", \
      "$data/portable" using 1:2 with linespoints title "sixteen tables (portable path)", \
      "$data/compute" using 1:2 with linespoints title "crc16_compute (carry-less on x86-64)"
