@@ -36,34 +36,45 @@ int32_t register_module(int32_t module_id) {
     for (int32_t i = 0; i < modules.count && handle < 0; ++i)
         if (modules.ids[i] == module_id) handle = i;
     if (handle < 0 && modules.count < kMaxModules) {
-        handle = modules.count++;
+        handle = modules.count;
         modules.ids[handle] = module_id;
+        __atomic_store_n(&modules.count, handle + 1, __ATOMIC_RELEASE);
     }
     pthread_mutex_unlock(&modules.lock);
     return handle;
 }
 
-bool known_handle(int32_t handle) {
-    pthread_mutex_lock(&modules.lock);
-    bool known = handle >= 0 && handle < modules.count;
-    pthread_mutex_unlock(&modules.lock);
-    return known;
-}
+// Handles are never taken back, so the count alone tells a known one, without the lock.
+bool known_handle(int32_t handle) { return handle >= 0 && handle < __atomic_load_n(&modules.count, __ATOMIC_ACQUIRE); }
+
+// The date and time of a line to the second, formatted again only when the second changes.
+struct Stamp {
+    time_t second = -1;
+    char text[32] = {};
+};
 
 // "2024-05-01T12:00:00.123456Z 305 2 text": UTC, so that lines of processes in different time
 // zones (a daemon, a login shell) sort together in one trace file.
 size_t format_line(char *line, size_t size, int32_t module_id, int32_t level, const char *text) {
     struct timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
-    struct tm utc = {};
-    gmtime_r(&now.tv_sec, &utc);
-    char stamp[32];
-    strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", &utc);
-    size_t n = static_cast<size_t>(fcadmin::bounded_format(line, size, "%s.%06ldZ %d %d %s", stamp,
-                                                           now.tv_nsec / 1000, module_id, level, text));
+    thread_local Stamp stamp;
+    if (now.tv_sec != stamp.second) {
+        struct tm utc = {};
+        gmtime_r(&now.tv_sec, &utc);
+        strftime(stamp.text, sizeof stamp.text, "%Y-%m-%dT%H:%M:%S", &utc);
+        stamp.second = now.tv_sec;
+    }
+    char micro[7];
+    long rest = now.tv_nsec / 1000;
+    for (int i = 5; i >= 0; --i, rest /= 10) micro[i] = static_cast<char>('0' + rest % 10);
+    micro[6] = '\0';
+    size_t n = static_cast<size_t>(fcadmin::bounded_format(line, size, "%s.%sZ %d %d %s", stamp.text, micro,
+                                                           module_id, level, text));
     // One line per store: a newline inside the text would split it in the file and the dump.
-    for (size_t i = 0; i < n; ++i)
-        if (line[i] == '\n' || line[i] == '\r') line[i] = ' ';
+    if (strpbrk(text, "\r\n") != nullptr)
+        for (size_t i = 0; i < n; ++i)
+            if (line[i] == '\n' || line[i] == '\r') line[i] = ' ';
     return n;
 }
 

@@ -3,6 +3,7 @@
 #include "fcadmin.h"
 #include "shm/trace.h"
 
+#include <pthread.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
@@ -45,8 +46,21 @@ union semun {
     unsigned short *array;
 };
 
+// The calling thread's kernel id, asked of the kernel once per thread: a system call on every line cost
+// as much as the lock's own semop. A forked child's thread has an id of its own, so the fork handler
+// forgets the id there. (A child made without the C library's fork handlers, by _Fork or a raw clone,
+// would keep the parent's id; such a child may not call into the library before exec anyway.)
+thread_local long cached_thread_id = 0;
+
+void forget_thread_id() { cached_thread_id = 0; }
+
 // The kernel's thread id, not pthread_self(): it is what the platform's tools show for a thread.
-long thread_id() { return syscall(SYS_gettid); }
+long thread_id() {
+    static const int forget_in_children = pthread_atfork(nullptr, nullptr, forget_thread_id);
+    (void)forget_in_children;
+    if (cached_thread_id == 0) cached_thread_id = syscall(SYS_gettid);
+    return cached_thread_id;
+}
 
 const char *operation_name(int32_t delta) {
     switch (delta) {
