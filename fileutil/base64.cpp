@@ -27,23 +27,6 @@ bool write_all(BIO *bio, const char *text, uint32_t length) {
     return true;
 }
 
-// A memory BIO that holds the text. Up to INT_MAX bytes it reads the caller's text in place, with no
-// copy and no cleansing of a copy when it is freed; at its end it reports "retry" as a written memory
-// BIO does, so the filter ends the same way. A longer text is written in pieces.
-BIO *memory_bio_holding(const char *text, uint32_t length) {
-    if (length > static_cast<uint32_t>(INT_MAX)) {
-        BIO *memory = BIO_new(BIO_s_mem());
-        if (memory != nullptr && !write_all(memory, text, length)) {
-            BIO_free(memory);
-            return nullptr;
-        }
-        return memory;
-    }
-    BIO *memory = BIO_new_mem_buf(text, static_cast<int>(length));
-    if (memory != nullptr) BIO_set_mem_eof_return(memory, -1);
-    return memory;
-}
-
 }  // namespace
 }  // namespace fcadmin
 
@@ -61,9 +44,9 @@ unsigned char *base64decode(const char *text, uint32_t length, uint32_t *decoded
     unsigned char *buffer = static_cast<unsigned char *>(malloc(static_cast<size_t>(capacity)));
     if (buffer == nullptr) return nullptr;
 
-    BIO *memory = fcadmin::memory_bio_holding(text, length);
+    BIO *memory = BIO_new(BIO_s_mem());
     BIO *filter = BIO_new(BIO_f_base64());
-    if (memory == nullptr || filter == nullptr) {
+    if (memory == nullptr || filter == nullptr || !fcadmin::write_all(memory, text, length)) {
         BIO_free(memory);
         BIO_free(filter);
         free(buffer);
