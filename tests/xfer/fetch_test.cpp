@@ -78,11 +78,12 @@ TEST(Fetch, CommandLinesAttemptsAndResults) {
     TransferRequest ftp = transfer_request("ftp", "j.doe", "p w", "h", "f");
     EXPECT_EQ(copyRemoteFileToLocalSystem(&ftp, "/tmp/out", 1), 0);
     EXPECT_EQ(std::string(ftp.user_name) + " " + ftp.password, "j%2edoe p%20w");
-    // An unknown protocol through the library's own runner: the empty command starts nothing useful.
+    // An unknown protocol through the library's own runner: the empty command names no program.
     TransferRequest gopher = transfer_request("gopher", "u", "p", "h", "f");
+    unlink(kConsoleFile);
     reset_platform();
     EXPECT_EQ(copyRemoteFileToLocalSystem(&gopher, "/tmp/out", 0), -9);
-    EXPECT_EQ(call_letters(kLetters), "g");
+    EXPECT_EQ(call_letters(kLetters).substr(0, 1) + read_file(kConsoleFile), "gexecvp failed errno: 2 errstr:No such file or directory\n");
 }
 
 TEST(Fetch, BadInputAndFieldsFilledToTheBrim) {

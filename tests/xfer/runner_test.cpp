@@ -1,7 +1,7 @@
 // The command runner with real children, the test binary re-run as the tool: results, the error log,
 // word splitting, console lines, and the signal state of the tool and of its caller.
-#include "fcadmin.h"
 #include "tests/support/fake_platform.h"
+#include "xfer/runner.h"
 
 #include <signal.h>
 #include <sys/time.h>
@@ -50,7 +50,12 @@ FCADMIN_TEST_HELPER(tool) {
 }
 
 std::string tool(const std::string &args) { return self_exe() + " " + args; }
-int32_t run(const std::string &command) { return admin_system_call(command.c_str()); }
+
+// Every case runs with the default launcher and with the literal fork, kept as the oracle.
+const fcadmin::Launcher kLaunchers[] = {fcadmin::Launcher::clone, fcadmin::Launcher::fork};
+fcadmin::Launcher launcher = fcadmin::Launcher::clone;
+int32_t run(const std::string &command) { return fcadmin::system_call(command.c_str(), launcher); }
+const char *name(fcadmin::Launcher l) { return l == fcadmin::Launcher::fork ? "fork" : "clone"; }
 
 mode_t log_mode() {
     struct stat st {};
@@ -92,24 +97,26 @@ TEST(Runner, ResultLogAndConsoleOfEachCommand) {
         {tool(words + " w23"), -1, stale, "", too_many},
         {tool(words + " w23 w24 w25"), -1, stale, "", too_many},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.command.substr(0, 80));
-        write_file(kLog, stale);
-        unlink(kConsoleFile);
-        EXPECT_EQ(captured(STDOUT_FILENO, [&] { EXPECT_EQ(run(row.command), row.result); }), row.out);
-        EXPECT_EQ(read_file(kLog), row.log);
-        EXPECT_EQ(log_mode(), row.log == stale ? 0644u : 0600u);
-        EXPECT_EQ(read_file(kConsoleFile), row.console);
-    }
     EXPECT_EQ(admin_system_call(nullptr), -1);
-
-    // The log cannot be opened where a directory stands in its place.
-    unlink(kLog.c_str());
-    unlink(kConsoleFile);
-    ASSERT_EQ(mkdir(kLog.c_str(), 0755), 0);
-    EXPECT_EQ(run(tool("exit 0")), -1);
-    EXPECT_EQ(read_file(kConsoleFile), "Err: cli command \"" + tool("exit 0") + "\" open file " + kLog + " failed\n");
-    rmdir(kLog.c_str());
+    for (const auto each : kLaunchers) {
+        launcher = each;
+        for (const auto &row : rows) {
+            SCOPED_TRACE(std::string(name(each)) + " " + row.command.substr(0, 80));
+            write_file(kLog, stale);
+            unlink(kConsoleFile);
+            EXPECT_EQ(captured(STDOUT_FILENO, [&] { EXPECT_EQ(run(row.command), row.result); }), row.out);
+            EXPECT_EQ(read_file(kLog), row.log);
+            EXPECT_EQ(log_mode(), row.log == stale ? 0644u : 0600u);
+            EXPECT_EQ(read_file(kConsoleFile), row.console);
+        }
+        // The log cannot be opened where a directory stands in its place.
+        unlink(kLog.c_str());
+        unlink(kConsoleFile);
+        ASSERT_EQ(mkdir(kLog.c_str(), 0755), 0);
+        EXPECT_EQ(run(tool("exit 0")), -1);
+        EXPECT_EQ(read_file(kConsoleFile), "Err: cli command \"" + tool("exit 0") + "\" open file " + kLog + " failed\n");
+        rmdir(kLog.c_str());
+    }
 }
 
 void note_signal(int) {}
@@ -117,7 +124,9 @@ void note_signal(int) {}
 TEST(Runner, ToolGetsTheCallersSignalStateAndTheCallerKeepsItsOwnUnlessInTheShell) {
     setenv("FCADMIN_TEST_HELPER", "tool", 1);
     const std::string ignoring = "INT=ign QUIT=ign TSTP=ign USR1=ign USR2=ign CHLD=dfl blocked,USR2,CHLD";
-    for (int32_t context : {0, 1, 2}) {
+    for (const auto &[context, each] : {std::pair{0, kLaunchers[0]}, {0, kLaunchers[1]}, {1, kLaunchers[0]},
+                                       {1, kLaunchers[1]}, {2, kLaunchers[0]}, {2, kLaunchers[1]}}) {
+        launcher = each;
         in_child([&] {
             struct sigaction handled {};
             handled.sa_handler = note_signal;
@@ -138,18 +147,21 @@ TEST(Runner, ToolGetsTheCallersSignalStateAndTheCallerKeepsItsOwnUnlessInTheShel
             // After exec the caller's handlers are the defaults; what was ignored or blocked stays so.
             EXPECT_EQ(read_file(kLog), "INT=dfl QUIT=ign TSTP=dfl USR1=dfl USR2=dfl CHLD=dfl blocked,USR2\n");
             // The command-line shell keeps the six ignored (SIGSTOP's request is refused) and SIGCHLD blocked.
-            EXPECT_EQ(signal_state(), context == 1 ? ignoring : before) << context;
+            EXPECT_EQ(signal_state(), context == 1 ? ignoring : before) << context << " " << name(each);
         });
     }
     // A wait that the caller's own timer interrupts is repeated, not reported.
-    in_child([&] {
-        struct sigaction tick {};
-        tick.sa_handler = note_signal;
-        sigaction(SIGALRM, &tick, nullptr);
-        const itimerval every{{0, 20000}, {0, 20000}};
-        setitimer(ITIMER_REAL, &every, nullptr);
-        EXPECT_EQ(run(tool("sleep")), 0);
-    });
+    for (const auto each : kLaunchers) {
+        launcher = each;
+        in_child([&] {
+            struct sigaction tick {};
+            tick.sa_handler = note_signal;
+            sigaction(SIGALRM, &tick, nullptr);
+            const itimerval every{{0, 20000}, {0, 20000}};
+            setitimer(ITIMER_REAL, &every, nullptr);
+            EXPECT_EQ(run(tool("sleep")), 0) << name(each);
+        });
+    }
 }
 
 }  // namespace
