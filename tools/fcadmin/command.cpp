@@ -76,6 +76,13 @@ int report_result(int32_t code) {
     return 1;
 }
 
+int take_transfer_option(int argc, char **argv, int *i, TransferOptions *options) {
+    if (strcmp(argv[*i], "--password-file") != 0) return 0;
+    if (*i + 1 >= argc) return -1;
+    options->password_file = argv[++*i];
+    return 1;
+}
+
 bool parse_int32(const char *text, int32_t *value) {
     if (text == nullptr || *text == '\0') return false;
     errno = 0;
