@@ -77,6 +77,10 @@ int report_result(int32_t code) {
 }
 
 int take_transfer_option(int argc, char **argv, int *i, TransferOptions *options) {
+    if (strcmp(argv[*i], "--quiet") == 0) {
+        options->quiet = true;
+        return 1;
+    }
     if (strcmp(argv[*i], "--password-file") != 0) return 0;
     if (*i + 1 >= argc) return -1;
     options->password_file = argv[++*i];

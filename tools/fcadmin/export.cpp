@@ -2,6 +2,7 @@
 #include "fcadmin.h"
 #include "tools/fcadmin/command.h"
 #include "tools/fcadmin/password.h"
+#include "tools/fcadmin/progress.h"
 #include "tools/fcadmin/url.h"
 
 #include <cstring>
@@ -16,7 +17,7 @@ constexpr size_t kRemoteDirLimit = 79;
 
 constexpr char kUsage[] =
     "usage: fcadmin export URL (--all | --item NAME) [--dir REMOTE_DIR] [--platform-shell]\n"
-    "                      [--password-file FILE]\n"
+    "                      [--password-file FILE] [--quiet]\n"
     "\n"
     "Stages the selected content and uploads it to a remote directory.\n"
     "  URL               PROTO://[USER[:PASSWORD]@]HOST[:PORT]/PATH with PROTO scp, sftp or ftp;\n"
@@ -33,6 +34,8 @@ constexpr char kUsage[] =
     "                    may read it); without it and without one in the URL, the value of\n"
     "                    FCADMIN_PASSWORD. ps shows a password in the URL as '*' once it is read;\n"
     "                    the tool never prints a password\n"
+    "  --quiet           no progress line (on a terminal, a line on standard error shows the bytes\n"
+    "                    staged and the time taken, and is erased at the end)\n"
     "\n"
     "scp sends every staged file in one command, sftp runs a batch file; both try a public-key\n"
     "log-in, then a keyboard-interactive one, then a password log-in, asking for the password at\n"
@@ -101,9 +104,13 @@ int run_export(int argc, char **argv) {
     if (strncmp(request.selector, "all", 3) == 0 && request.remote_dir[0] == '\0')
         return report_result(kAllNeedsDirectory);
 
-    hide_in_console(request.password);
-    const int32_t result = exportFileToRemoteSystem(&request, platform_shell ? 1 : 0);
-    hide_in_console(nullptr);
+    int32_t result = 0;
+    {
+        ProgressLine progress("export", ProgressLine::Measure::directory, FCADMIN_EXPORT_STAGING_DIR, !options.quiet);
+        hide_in_console(request.password);
+        result = exportFileToRemoteSystem(&request, platform_shell ? 1 : 0);
+        hide_in_console(nullptr);
+    }
     // The request held the password (perhaps one typed at the prompt); it does not outlive the call.
     explicit_bzero(&request, sizeof request);
     return report_result(result);

@@ -2,6 +2,7 @@
 #include "fcadmin.h"
 #include "tools/fcadmin/command.h"
 #include "tools/fcadmin/password.h"
+#include "tools/fcadmin/progress.h"
 #include "tools/fcadmin/url.h"
 
 #include <cstdio>
@@ -12,7 +13,7 @@ namespace fcadmin_tool {
 namespace {
 
 constexpr const char *kFetchUsage =
-    "usage: fcadmin fetch URL LOCAL_PATH [--platform-runner] [--password-file FILE]\n"
+    "usage: fcadmin fetch URL LOCAL_PATH [--platform-runner] [--password-file FILE] [--quiet]\n"
     "\n"
     "URL is PROTO://[USER[:PASSWORD]@]HOST[:PORT]/PATH with PROTO scp, sftp or ftp, HOST in square\n"
     "brackets for an IPv6 address, %XX escapes in USER and PASSWORD; or usb:///PATH for a file on a\n"
@@ -29,6 +30,8 @@ constexpr const char *kFetchUsage =
     "The password is the URL's, or the first line of FILE (--password-file; refused when its group or\n"
     "others may read it), or else the value of FCADMIN_PASSWORD. Once the URL is read, ps and\n"
     "/proc/PID/cmdline show its password as '*'; the tool never prints a password.\n"
+    "On a terminal, a line on standard error shows the bytes fetched so far and the average rate, and\n"
+    "is erased at the end; --quiet hides it.\n"
     "\n"
     "The tools run through the library's command runner (their output in " FCADMIN_TRANSFER_LOG "),\n"
     "or with --platform-runner through the platform's shell service (their output discarded).\n"
@@ -63,9 +66,15 @@ int run_fetch(int argc, char **argv) {
     const bool parsed = parse_transfer_url(positional[0], &request, &error);
     mask_url_password(positional[0]);
     if (!parsed || !supply_password(options.password_file, &request, &error)) return usage_error("fetch", error);
-    hide_in_console(request.password);
-    const int32_t result = copyRemoteFileToLocalSystem(&request, positional[1], platform_runner ? 1 : 0);
-    hide_in_console(nullptr);
+    const bool usb = strcmp(request.protocol, "usb") == 0;
+    int32_t result = 0;
+    {
+        ProgressLine progress("fetch", ProgressLine::Measure::file, usb ? FCADMIN_USB_TMP_FILE : positional[1],
+                              !options.quiet);
+        hide_in_console(request.password);
+        result = copyRemoteFileToLocalSystem(&request, positional[1], platform_runner ? 1 : 0);
+        hide_in_console(nullptr);
+    }
     // The request held the password; it does not outlive the call.
     explicit_bzero(&request, sizeof request);
     return report_result(result);
