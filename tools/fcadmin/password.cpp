@@ -79,7 +79,7 @@ bool supply_password(const char *file, TransferRequest *request, std::string *er
         fcadmin::bounded_copy(password.text, variable);
         unsetenv(kPasswordVariable);
     }
-    if (in_url || password.text[0] == '\0') return true;
+    if (in_url || password.text[0] == '\0' || strcmp(request->protocol, "usb") == 0) return true;
     if (strlen(password.text) > kPasswordLimit) {
         *error = "the password is longer than " + std::to_string(kPasswordLimit) + " bytes";
         return false;

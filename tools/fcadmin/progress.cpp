@@ -1,5 +1,6 @@
 // The progress line: a thread that measures the destination every quarter second and rewrites one
-// line on standard error, paused while the host's prompt asks for a password on the same terminal.
+// line on standard error; it gets out of the way of the host's password prompt and holds still while
+// another program reads a secret on the same terminal.
 #include "tools/fcadmin/progress.h"
 
 #include "common/format.h"
@@ -9,6 +10,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -56,6 +58,13 @@ std::string human(double bytes) {
     return text;
 }
 
+// A program that reads a secret on the terminal (ssh asking for a key's passphrase) turns echo off;
+// the line then waits rather than write over its question.
+bool terminal_echoes() {
+    struct termios settings {};
+    return tcgetattr(STDERR_FILENO, &settings) != 0 || (settings.c_lflag & ECHO) != 0;
+}
+
 void write_all(const std::string &text) {
     for (size_t done = 0; done < text.size();) {
         const ssize_t n = write(STDERR_FILENO, text.data() + done, text.size() - done);
@@ -80,6 +89,7 @@ struct ProgressLine::State {
     // Holding the lock: rewrites the line, or erases it while a prompt is on the terminal.
     void show(int64_t bytes) {
         if (prompting) return erase();
+        if (!terminal_echoes()) return;
         const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
         std::string text = kErase + label + ": " + human(static_cast<double>(bytes));
         if (measure == Measure::file)
