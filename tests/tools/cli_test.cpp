@@ -134,7 +134,9 @@ TEST(ToolCli, PasswordFromUrlFileOrEnvironmentStaysOutOfSight) {
         const int peer = accept(server, nullptr, nullptr);  // wget is connected: the URL was read long ago
         std::string cmdline;
         for (const auto &a : c.argv) cmdline += (a.starts_with("ftp:") ? c.shown : a) + '\0';
-        EXPECT_EQ(read_file("/proc/" + std::to_string(tool.pid) + "/cmdline"), cmdline.substr(cmdline.find(kTool)));
+        // An emulator's /proc/PID/cmdline is its own argument list, not the emulated program's.
+        EXPECT_TRUE(under_emulation() || read_file("/proc/" + std::to_string(tool.pid) + "/cmdline") ==
+                                             cmdline.substr(cmdline.find(kTool))) << cmdline;
         std::string dialogue;
         for (const std::string reply : {"220 ready\r\n", "331 password?\r\n", "530 no\r\n"}) {
             ASSERT_EQ(write(peer, reply.data(), reply.size()), static_cast<ssize_t>(reply.size()));
