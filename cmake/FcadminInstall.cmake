@@ -1,4 +1,5 @@
-# Installs the headers, both libraries (and the host services), the tool, the CMake package and fcadmin.pc.
+# Installs the headers, both libraries (and the host services), the tool, the CMake package, fcadmin.pc,
+# the manual pages and the bash completion.
 include(CMakePackageConfigHelpers)
 
 # The installed fcadmin.h carries this build's fixed paths as its defaults, so that every consumer
@@ -42,3 +43,16 @@ file(RELATIVE_PATH FCADMIN_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfi
 string(REGEX REPLACE "/$" "" FCADMIN_PC_TO_PREFIX "${FCADMIN_PC_TO_PREFIX}")
 configure_file(cmake/fcadmin.pc.in ${PROJECT_BINARY_DIR}/fcadmin.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/fcadmin.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The manual pages, with this build's version and fixed paths, and the tool's bash completion, laid out
+# in the build tree as under the prefix (the tests read them there, next to bin/fcadmin).
+configure_file(docs/man/fcadmin.3.in ${PROJECT_BINARY_DIR}/share/man/man3/fcadmin.3 @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/share/man/man3/fcadmin.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
+if(TARGET fcadmin_tool)
+  configure_file(docs/man/fcadmin.1.in ${PROJECT_BINARY_DIR}/share/man/man1/fcadmin.1 @ONLY)
+  configure_file(tools/fcadmin/completion.bash ${PROJECT_BINARY_DIR}/share/bash-completion/completions/fcadmin
+                 COPYONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/share/man/man1/fcadmin.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES ${PROJECT_BINARY_DIR}/share/bash-completion/completions/fcadmin
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+endif()

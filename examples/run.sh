@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs the library into a prefix under the build tree, builds the example program from the
-# install tree alone (once through the CMake package, once through pkg-config) and runs both.
+# install tree alone (once through the CMake package, once through pkg-config) and runs both; then
+# checks the tool, its manual pages and its completion there.
 # Usage: sh examples/run.sh BUILD_DIR
 set -eu
 build=$(cd "${1:-build/default}" && pwd)
@@ -32,3 +33,10 @@ export PKG_CONFIG_PATH
 echo "== pkg-config fcadmin"
 "$work/check_install_pkgconfig" "$work/digits"
 echo "both examples pass"
+
+# The tool's own files under the prefix: it runs, man finds both pages, bash-completion finds its file.
+"$prefix/bin/fcadmin" --version
+MANPATH="$prefix/share/man" man -w 1 fcadmin >/dev/null
+MANPATH="$prefix/share/man" man -w 3 fcadmin >/dev/null
+test -s "$prefix/share/bash-completion/completions/fcadmin"
+echo "the tool, its manual pages and its completion are installed"

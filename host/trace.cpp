@@ -1,10 +1,12 @@
 // The platform trace service on a host: modules get handles, and every stored line goes to the
-// in-process ring and, when FCADMIN_TRACE_FILE names a file, is appended to that file.
+// in-process ring, is appended to the file that FCADMIN_TRACE_FILE names, if any, and goes to the
+// system log with FCADMIN_TRACE=syslog.
 #include "fcadmin_platform.h"
 
 #include "common/format.h"
 #include "common/unique_fd.h"
 #include "host/trace_ring.h"
+#include "host/trace_syslog.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -115,6 +117,7 @@ FCADMIN_PLATFORM_API int32_t trace_module_store_lvl(int32_t handle, int32_t modu
     size_t length = format_line(line, sizeof line, module_id, level, text);
     fcadmin::host::trace_ring_append(line);
     append_to_trace_file(line, length);
+    fcadmin::host::trace_to_syslog(module_id, level, text);
     return 0;
 }
 

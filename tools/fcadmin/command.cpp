@@ -2,6 +2,9 @@
 #include "tools/fcadmin/command.h"
 
 #include "fcadmin.h"
+#include "tools/fcadmin/build_info.h"
+
+#include <openssl/crypto.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -31,9 +34,22 @@ void print_tool_help(FILE *out) {
               [](const Subcommand &a, const Subcommand &b) { return strcmp(a.name, b.name) < 0; });
     fprintf(out,
             "usage: fcadmin COMMAND [ARGS...]\n"
-            "       fcadmin COMMAND --help\n\n"
+            "       fcadmin COMMAND --help\n"
+            "       fcadmin --version\n\n"
             "commands:\n");
     for (const auto &c : commands) fprintf(out, "  %-10s %s\n", c.name, c.summary);
+}
+
+// The version, the OpenSSL in use (the one loaded, which may be newer than the one built against) and
+// the fixed paths, which a product build may have placed elsewhere.
+int print_version() {
+    printf("fcadmin %s\n%s\n", FCADMIN_TOOL_VERSION, OpenSSL_version(OPENSSL_VERSION));
+    const char *changed = FCADMIN_CHANGED_PATHS;
+    if (*changed == '\0')
+        puts("Fixed paths: the defaults");
+    else
+        printf("Fixed paths changed by this build:\n%s", changed);
+    return fflush(stdout) == 0 ? 0 : 1;
 }
 
 }  // namespace
@@ -60,6 +76,17 @@ int report_result(int32_t code) {
     return 1;
 }
 
+int take_transfer_option(int argc, char **argv, int *i, TransferOptions *options) {
+    if (strcmp(argv[*i], "--quiet") == 0) {
+        options->quiet = true;
+        return 1;
+    }
+    if (strcmp(argv[*i], "--password-file") != 0) return 0;
+    if (*i + 1 >= argc) return -1;
+    options->password_file = argv[++*i];
+    return 1;
+}
+
 bool parse_int32(const char *text, int32_t *value) {
     if (text == nullptr || *text == '\0') return false;
     errno = 0;
@@ -76,6 +103,7 @@ int tool_main(int argc, char **argv) {
         return 2;
     }
     const char *name = argv[1];
+    if (strcmp(name, "--version") == 0 || strcmp(name, "-V") == 0) return print_version();
     if (strcmp(name, "--help") == 0 || strcmp(name, "-h") == 0 || strcmp(name, "help") == 0) {
         if (argc > 2 && find(argv[2]) != nullptr) {
             fputs(find(argv[2])->usage, stdout);

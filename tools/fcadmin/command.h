@@ -33,6 +33,15 @@ int usage_error(const char *name, const std::string &what);
 // Prints the message of a result code to standard error (as admin_lib_get_error_msg renders it);
 // returns 0 for code 0, else 1.
 int report_result(int32_t code);
+// The options that fetch and export share: --password-file FILE and --quiet.
+struct TransferOptions {
+    const char *password_file = nullptr;
+    bool quiet = false;
+};
+// Takes the shared option at argv[*i] (moving *i past its value): 1 when it did, 0 when argv[*i] is none
+// of them, -1 when --password-file lacks its FILE.
+int take_transfer_option(int argc, char **argv, int *i, TransferOptions *options);
+
 // Parses a whole decimal or 0x-prefixed integer; false when text is not one or out of range.
 bool parse_int32(const char *text, int32_t *value);
 

@@ -1,6 +1,8 @@
 // fcadmin fetch: brings one file onto this system over scp, sftp or ftp, or from a USB drive.
 #include "fcadmin.h"
 #include "tools/fcadmin/command.h"
+#include "tools/fcadmin/password.h"
+#include "tools/fcadmin/progress.h"
 #include "tools/fcadmin/url.h"
 
 #include <cstdio>
@@ -11,7 +13,7 @@ namespace fcadmin_tool {
 namespace {
 
 constexpr const char *kFetchUsage =
-    "usage: fcadmin fetch URL LOCAL_PATH [--platform-runner]\n"
+    "usage: fcadmin fetch URL LOCAL_PATH [--platform-runner] [--password-file FILE] [--quiet]\n"
     "\n"
     "URL is PROTO://[USER[:PASSWORD]@]HOST[:PORT]/PATH with PROTO scp, sftp or ftp, HOST in square\n"
     "brackets for an IPv6 address, %XX escapes in USER and PASSWORD; or usb:///PATH for a file on a\n"
@@ -25,6 +27,12 @@ constexpr const char *kFetchUsage =
     "ftp runs wget with the user name and password percent-encoded into the URL.\n"
     "usb copies PATH to " FCADMIN_USB_TMP_FILE "; LOCAL_PATH is not used then.\n"
     "\n"
+    "The password is the URL's, or the first line of FILE (--password-file; refused when its group or\n"
+    "others may read it), or else the value of FCADMIN_PASSWORD. Once the URL is read, ps and\n"
+    "/proc/PID/cmdline show its password as '*'; the tool never prints a password.\n"
+    "On a terminal, a line on standard error shows the bytes fetched so far and the average rate, and\n"
+    "is erased at the end; --quiet hides it.\n"
+    "\n"
     "The tools run through the library's command runner (their output in " FCADMIN_TRANSFER_LOG "),\n"
     "or with --platform-runner through the platform's shell service (their output discarded).\n"
     "Exit status 0 when the file was fetched; otherwise the result's message on standard error and\n"
@@ -33,10 +41,14 @@ constexpr const char *kFetchUsage =
 constexpr const char kPlatformRunnerFlag[] = "--platform-runner";
 
 int run_fetch(int argc, char **argv) {
-    const char *positional[2] = {};
+    char *positional[2] = {};
     int count = 0;
     bool platform_runner = false;
+    TransferOptions options;
     for (int i = 1; i < argc; ++i) {
+        const int taken = take_transfer_option(argc, argv, &i, &options);
+        if (taken < 0) return usage_error("fetch", "--password-file needs a FILE");
+        if (taken > 0) continue;
         if (strcmp(argv[i], kPlatformRunnerFlag) == 0) {
             platform_runner = true;
         } else if (argv[i][0] == '-' && argv[i][1] == '-') {
@@ -51,8 +63,18 @@ int run_fetch(int argc, char **argv) {
 
     TransferRequest request{};
     std::string error;
-    if (!parse_transfer_url(positional[0], &request, &error)) return usage_error("fetch", error);
-    const int32_t result = copyRemoteFileToLocalSystem(&request, positional[1], platform_runner ? 1 : 0);
+    const bool parsed = parse_transfer_url(positional[0], &request, &error);
+    mask_url_password(positional[0]);
+    if (!parsed || !supply_password(options.password_file, &request, &error)) return usage_error("fetch", error);
+    const bool usb = strcmp(request.protocol, "usb") == 0;
+    int32_t result = 0;
+    {
+        ProgressLine progress("fetch", ProgressLine::Measure::file, usb ? FCADMIN_USB_TMP_FILE : positional[1],
+                              !options.quiet);
+        hide_in_console(request.password);
+        result = copyRemoteFileToLocalSystem(&request, positional[1], platform_runner ? 1 : 0);
+        hide_in_console(nullptr);
+    }
     // The request held the password; it does not outlive the call.
     explicit_bzero(&request, sizeof request);
     return report_result(result);

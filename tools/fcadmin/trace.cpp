@@ -67,7 +67,9 @@ FCADMIN_SUBCOMMAND("trace", "dump the trace lines of a command run (host trace r
                    "Without a command: prints the file named by FCADMIN_TRACE_FILE when that is set (every\n"
                    "run appends its lines there), else the trace ring of this run, which is empty.\n"
                    "\n"
-                   "The ring keeps the newest 512 lines; older ones are counted as dropped.\n",
+                   "The ring keeps the newest 512 lines; older ones are counted as dropped. With\n"
+                   "FCADMIN_TRACE=syslog every line also goes to the system log, as fcadmin (journalctl -t\n"
+                   "fcadmin): the general channel at priority info, the detail channel at debug.\n",
                    run_trace);
 
 }  // namespace fcadmin_tool

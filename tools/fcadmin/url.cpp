@@ -74,12 +74,7 @@ bool percent_decode(std::string_view text, const char *what, bool blank_allowed,
         i += 2;
     }
     if (decoded->find('\0') != std::string::npos) return fail(error, std::string("the ") + what + " contains a NUL byte (%00)");
-    std::string checked = *decoded;
-    if (blank_allowed) std::replace(checked.begin(), checked.end(), ' ', '_');
-    if (blank_or_control(checked))
-        return fail(error, std::string("the ") + what +
-                               " contains a blank or a control character, which a transfer command line cannot carry");
-    return true;
+    return credential_acceptable(*decoded, what, blank_allowed, error);
 }
 
 // Copies text into a fixed field, or says which field it does not fit.
@@ -168,12 +163,23 @@ bool parse_path(std::string_view path, bool secure_shell, TransferRequest *reque
 
 }  // namespace
 
+bool credential_acceptable(std::string_view text, const char *what, bool blank_allowed, std::string *error) {
+    std::string checked(text);
+    if (blank_allowed) std::replace(checked.begin(), checked.end(), ' ', '_');
+    if (blank_or_control(checked))
+        return fail(error, std::string("the ") + what +
+                               " contains a blank or a control character, which a transfer command line cannot carry");
+    return true;
+}
+
 bool parse_transfer_url(const char *url, TransferRequest *out, std::string *error) {
     if (url == nullptr || out == nullptr) return fail(error, "no URL given");
     const std::string_view text(url);
     const size_t separator = text.find(kSchemeSeparator);
+    // Without the scheme there is no telling a password from a host, so text with an "@" is not shown.
     if (separator == std::string_view::npos)
-        return fail(error, shown(text) + " is not a transfer URL: expected " + std::string(kShape) + " or usb:///PATH");
+        return fail(error, (text.find('@') == std::string_view::npos ? shown(text) : std::string("the argument")) +
+                               " is not a transfer URL: expected " + std::string(kShape) + " or usb:///PATH");
 
     TransferRequest request = *out;
     memset(request.protocol, 0, sizeof request.protocol);

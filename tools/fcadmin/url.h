@@ -4,6 +4,7 @@
 #include "fcadmin.h"
 
 #include <string>
+#include <string_view>
 
 namespace fcadmin_tool {
 
@@ -20,5 +21,9 @@ namespace fcadmin_tool {
 // percent-encodes; a caller that passes ftp credentials as they stand must refuse blanks itself. On failure *out is unchanged and *error says
 // what is wrong (never repeating the password).
 bool parse_transfer_url(const char *url, TransferRequest *out, std::string *error);
+
+// Whether a decoded credential can stand in a transfer command line: no control character, and no blank
+// unless blank_allowed (ftp's fetch encodes it). On refusal *error names `what`, never the text.
+bool credential_acceptable(std::string_view text, const char *what, bool blank_allowed, std::string *error);
 
 }  // namespace fcadmin_tool
