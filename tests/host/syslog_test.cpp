@@ -2,6 +2,7 @@
 #include "fcadmin_platform.h"
 #include "tests/support/helpers.h"
 
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -13,7 +14,7 @@ using namespace fcadmin_test;
 TEST(HostSyslog, TraceLinesGoToDevLogWithFcadminTraceSyslog) {
     EXPECT_EQ(run_in_child([] {
         // A /dev of this child's own, so that the socket shadows no log daemon of the machine.
-        private_mounts();
+        ASSERT_EQ(unshare(CLONE_NEWNS) | mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
         ASSERT_EQ(mount("fcadmin-dev", "/dev", "tmpfs", 0, nullptr), 0);
         const int log = socket(AF_UNIX, SOCK_DGRAM, 0);
         const sockaddr_un address{AF_UNIX, "/dev/log"};

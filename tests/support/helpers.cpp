@@ -110,6 +110,8 @@ void write_file(const std::string &path, const std::string &content, int mode) {
 
 bool file_exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 
+bool under_emulation() { return getenv("FCADMIN_UNDER_EMULATION") != nullptr && getenv("FCADMIN_UNDER_EMULATION")[0] == '1'; }
+
 TransferRequest transfer_request(const char *protocol, const char *user, const char *password, const char *host,
                                  const char *remote_path, int32_t port, uint32_t addr_type) {
     TransferRequest r{};

@@ -41,6 +41,10 @@ std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &content, int mode = 0644);
 bool file_exists(const std::string &path);
 
+// True when the suite runs under user-mode emulation (FCADMIN_UNDER_EMULATION=1, set for a cross build's
+// tests); a check that cannot work there says why it is left out.
+bool under_emulation();
+
 // A transfer request with the fields a fetch reads; the rest zeroed.
 TransferRequest transfer_request(const char *protocol, const char *user, const char *password, const char *host,
                                  const char *remote_path, int32_t port = 22, uint32_t addr_type = 0);
