@@ -37,7 +37,8 @@ std::vector<std::string> lines(const std::string &text) {
 FCADMIN_TEST_HELPER(export_tool) {
     std::string line, batch;
     for (int i = 0; i < argc; ++i) {
-        line += (i ? "|" : "") + std::string(argv[i]);
+        if (i > 0) line += '|';
+        line += argv[i];
         if (strcmp(argv[i], "-b") == 0 && i + 1 < argc) {
             bool open = false;
             std::error_code ec;

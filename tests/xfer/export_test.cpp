@@ -214,7 +214,7 @@ TEST(Export, RemoteTargetAndItemName) {
         std::string target = commands.empty() ? "?" : commands[0].substr(commands[0].find("]:") + 2);
         return std::vector<std::string>{staged[0].args[0], staged[0].args[1], target};
     };
-    const std::string deep = "/" + std::string(200, 'p') + "/" + std::string(53, 'n');  // 255 characters
+    const std::string deep = std::string("/").append(200, 'p').append("/").append(53, 'n');  // 255 characters
     struct Target {
         std::string selector, remote_dir, remote_path, item, target;
     };
@@ -245,8 +245,8 @@ TEST(Export, RemoteTargetAndItemName) {
     memset(r.user_name, 'u', sizeof r.user_name);
     fresh(1);
     EXPECT_EQ(exportFileToRemoteSystem(&r, 1), 0);
-    EXPECT_NE(shell_commands()[0].find(" " + std::string(384, 'u') + "@[" + std::string(768, 'h') + "]:/backups"),
-              std::string::npos);
+    const std::string login = std::string(" ").append(384, 'u').append("@[").append(768, 'h').append("]:/backups");
+    EXPECT_NE(shell_commands()[0].find(login), std::string::npos);
 }
 
 TEST(GetFileNameFromPath, Splits) {
@@ -260,7 +260,7 @@ TEST(GetFileNameFromPath, Splits) {
         {"/file", 1, "/Z", "file\0"s},          // the directory keeps its slash, the name is terminated
         {"a/b", 1, "a/Z", "b\0"s},              // no terminator is written into the directory
         {"dir/", 0, "dir/Z", "ZZ"},             // trailing slash: the name is left as it was
-        {"plain", 1, "/" + std::string(79, '\0') + "Z", "plainZ"},  // "/" padded to 80, name unterminated
+        {"plain", 1, std::string("/").append(79, '\0').append("Z"), "plainZ"},  // "/" padded to 80, name unterminated
     };
     for (const Split &s : splits) {
         char dir[256], name[256];

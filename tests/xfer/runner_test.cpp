@@ -24,7 +24,7 @@ constexpr int kGuarded[] = {SIGINT, SIGQUIT, SIGTSTP, SIGUSR1, SIGUSR2};
 std::string names_of(const sigset_t &set) {
     std::string out;
     for (int sig = 1; sig < 32; ++sig)
-        if (sigismember(&set, sig) == 1) out += (out.empty() ? "" : ",") + std::string(sigabbrev_np(sig));
+        if (sigismember(&set, sig) == 1) out.append(out.empty() ? "" : ",").append(sigabbrev_np(sig));
     return out;
 }
 
