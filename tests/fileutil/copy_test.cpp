@@ -1,4 +1,7 @@
 // The atomic file copy: its steps in order, every failure with its trace line, modes and names.
+// This file defines read, write and others in front of the C library's; the inline wrappers of the same
+// names that _FORTIFY_SOURCE brings into the C library's headers would clash with them.
+#undef _FORTIFY_SOURCE
 #include "fcadmin.h"
 #include "tests/support/fake_platform.h"
 #include "tests/support/helpers.h"
