@@ -1,5 +1,5 @@
 # Wraps the CMake presets: `make` builds, `make demo` shows the services at work, `make test` runs
-# every suite (plain, sanitizers, install tree, Release with GCC and with clang, PowerPC)
+# every suite (plain, sanitizers, install tree, Release with GCC and with clang, PowerPC, s390x, i386)
 # and `make warnings` builds with every compiler and configuration we keep warning-free.
 JOBS ?= $(shell nproc)
 CMAKE ?= cmake
@@ -12,7 +12,7 @@ export JOBS
 WARNING_PRESETS = debug default release gcc11 clang clang19
 
 .PHONY: all build demo test test-default test-asan test-tsan test-install test-release test-clang \
-        test-ppc warnings bench clean
+        test-ppc test-s390x test-i386 warnings bench clean
 
 all: build
 
@@ -23,7 +23,8 @@ demo: build
 	sh tools/demo.sh build/default
 
 # The suites first; `warnings` then only builds what they have not built yet.
-test: test-default test-asan test-tsan test-install test-release test-clang test-ppc warnings
+test: test-default test-asan test-tsan test-install test-release test-clang test-ppc test-s390x test-i386 \
+      warnings
 
 # One preset's suite: a build that fails on any warning, then ctest.
 define suite
@@ -52,10 +53,17 @@ test-release:
 test-clang:
 	$(call suite,clang)
 
-# 32-bit big-endian PowerPC: cross build (libcrypto built from the distribution's sources on the first
-# configure), tests under qemu user emulation.
+# Cross builds (libcrypto built from the distribution's sources on the first configure): 32-bit
+# big-endian PowerPC and 64-bit big-endian s390x with the tests under qemu user emulation, 32-bit
+# little-endian i386 run natively.
 test-ppc:
 	$(call suite,ppc)
+
+test-s390x:
+	$(call suite,s390x)
+
+test-i386:
+	$(call suite,i386)
 
 warnings:
 	bash cmake/check-warnings.sh $(WARNING_PRESETS)
