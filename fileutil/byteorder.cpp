@@ -9,9 +9,15 @@ uint32_t endian_swap_32(uint32_t value) {
     return (value << 24) | (value >> 24) | ((value << 8) & 0x00FF0000u) | ((value >> 8) & 0x0000FF00u);
 }
 
-// Computed on the whole 32-bit argument: bits 16 to 23 of a larger argument are not cleared first and
-// end up in the high byte of the result. Callers pass 16-bit quantities; keep it so.
-uint32_t endian_swap_16(uint32_t value) { return ((value << 8) | (value >> 8)) & 0xFFFFu; }
+// ((value << 8) | (value >> 8)) & 0xFFFF on the whole 32-bit argument: bits 16 to 23 of a larger
+// argument are not cleared first and end up ORed into the high byte of the result. Callers pass 16-bit
+// quantities; keep it so. Spelled out byte by byte because clang 14 at -O1 and above turns the short
+// form into a plain 16-bit byte swap, losing bits 16 to 23 (0x00AB1234 gave 0x3412, not 0xBF12).
+uint32_t endian_swap_16(uint32_t value) {
+    const uint32_t high = (value & 0xFFu) | ((value >> 16) & 0xFFu);
+    const uint32_t low = (value >> 8) & 0xFFu;
+    return (high << 8) | low;
+}
 
 int32_t endian_check(void) {
     const unsigned char bytes[2] = {0x01, 0x00};

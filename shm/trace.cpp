@@ -50,6 +50,7 @@ void set_descriptor(uint32_t descriptor[5]) {
     descriptor[0] = 1;
 }
 
+__attribute__((format(printf, 2, 0)))
 void vtrace(fcadmin::TraceChannel channel, const char *format, va_list args) {
     const bool general = channel == fcadmin::TraceChannel::general;
     char *buffer = general ? admin_msg_buff : admin_detail_msg_buff;

@@ -1,6 +1,9 @@
 // The library's system calls, interposed: the program's definitions take precedence over the C library's,
 // the library's calls included. Each records itself while recording is on (file calls only on labelled
 // paths), fails when a failure is scripted for it, and otherwise forwards to the real call.
+// The inline wrappers of the same names that _FORTIFY_SOURCE brings into the C library's headers would
+// clash with these definitions.
+#undef _FORTIFY_SOURCE
 #include "tests/support/fake_platform.h"
 
 #include <dlfcn.h>

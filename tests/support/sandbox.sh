@@ -8,10 +8,11 @@
 # it goes (the command ended, or unshare outside was killed, say by CTest's time-out) the kernel kills
 # every process left in the namespace: servers, helpers, a test program stuck in a loop.
 #
-# With FCADMIN_SANDBOX_BINFMT=ppc (set for the tests of a PowerPC cross build) the sandbox also runs
-# PowerPC programs directly: it takes a user namespace of its own, mounts that namespace's private
-# binfmt_misc instance and registers qemu-ppc there, so a test that starts itself again as a helper or
-# starts the built tool gets emulated too. The machine's own binfmt_misc is never touched.
+# With FCADMIN_SANDBOX_BINFMT=ppc or s390x (set for the tests of an emulated cross build) the sandbox also
+# runs the target's programs directly: it takes a user namespace of its own, mounts that namespace's
+# private binfmt_misc instance and registers qemu-ppc or qemu-s390x there, so a test that starts itself
+# again as a helper or starts the built tool gets emulated too. The machine's own binfmt_misc is never
+# touched.
 set -eu
 
 if [ "${FCADMIN_IN_SANDBOX:-}" != 1 ]; then
@@ -85,6 +86,12 @@ if [ -n "${FCADMIN_SANDBOX_BINFMT:-}" ]; then
         magic='\x7f\x45\x4c\x46\x01\x02\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\x14'
         mask='\xff\xff\xff\xff\xff\xff\xff\xfc\xff\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff'
         : "${QEMU_LD_PREFIX:=/usr/powerpc-linux-gnu}"
+        ;;
+    s390x)
+        # 64-bit big-endian ELF executables and shared objects for IBM Z (machine 22).
+        magic='\x7f\x45\x4c\x46\x02\x02\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\x16'
+        mask='\xff\xff\xff\xff\xff\xff\xff\xfc\xff\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff'
+        : "${QEMU_LD_PREFIX:=/usr/s390x-linux-gnu}"
         ;;
     *)
         echo "sandbox.sh: no binfmt handler known for '$FCADMIN_SANDBOX_BINFMT'" >&2
