@@ -31,6 +31,11 @@ std::string str(const void *p) {
     snprintf(t, sizeof t, "%p", p);
     return t;
 }
+std::string str(const sembuf &o) {
+    char t[64];
+    snprintf(t, sizeof t, "{%d,%d,%d}", o.sem_num, o.sem_op, o.sem_flg);
+    return t;
+}
 template <typename T>
 std::string str(T v) { return std::to_string(v); }
 
@@ -64,8 +69,7 @@ FORWARD(int, shmget, (key_t key, size_t size, int flags) noexcept, (key, size, f
 FORWARD(void *, shmat, (int id, const void *at, int flags) noexcept, (id, at, flags), str(id), str(at), str(flags))
 FORWARD(int, shmdt, (const void *at) noexcept, (at), str(at))
 FORWARD(int, semget, (key_t key, int count, int flags) noexcept, (key, count, flags), str(key), str(count), str(flags))
-FORWARD(int, semop, (int id, struct sembuf *o, size_t n) noexcept, (id, o, n), str(id),
-        "{" + str(o->sem_num) + "," + str(o->sem_op) + "," + str(o->sem_flg) + "}", str(n))
+FORWARD(int, semop, (int id, struct sembuf *o, size_t n) noexcept, (id, o, n), str(id), str(*o), str(n))
 FORWARD(int, usleep, (useconds_t us), (us), str(us))
 FORWARD(ssize_t, read, (int fd, void *buf, size_t n), (fd, buf, n), label(fd))
 FORWARD(ssize_t, write, (int fd, const void *buf, size_t n), (fd, buf, n), label(fd))

@@ -142,7 +142,7 @@ TEST(Export, CommandLinesAndExitPaths) {
 }
 
 TEST(Export, RemoteTargetAndItemName) {
-    const std::string deep = "/" + std::string(200, 'p') + "/" + std::string(53, 'n');  // 255 characters
+    const std::string deep = std::string(1, '/') + std::string(200, 'p') + '/' + std::string(53, 'n');  // 255 characters
     const struct {
         std::string selector, remote_dir, remote_path, item, target;
     } rows[] = {
@@ -173,7 +173,8 @@ TEST(Export, RemoteTargetAndItemName) {
     memset(r.user_name, 'u', sizeof r.user_name);
     fresh(1);
     EXPECT_EQ(exportFileToRemoteSystem(&r, 1), 0);
-    EXPECT_TRUE(args_of("ork_infra_system", 0)[0].ends_with(" " + std::string(384, 'u') + "@[" + std::string(768, 'h') + "]:/backups"));
+    EXPECT_TRUE(args_of("ork_infra_system", 0)[0].ends_with(std::string(1, ' ') + std::string(384, 'u') + "@[" +
+                                                            std::string(768, 'h') + "]:/backups"));
 }
 
 TEST(Export, PathSplit) {
@@ -187,7 +188,7 @@ TEST(Export, PathSplit) {
         {"/file", 1, "/Z", "file\0"s},  // the directory keeps its slash, the name is terminated
         {"a/b", 1, "a/Z", "b\0"s},      // no terminator is written into the directory
         {"dir/", 0, "dir/Z", "ZZ"},     // trailing slash: the name is left as it was
-        {"plain", 1, "/" + std::string(79, '\0') + "Z", "plainZ"},  // "/" padded to 80, name unterminated
+        {"plain", 1, std::string(1, '/') + std::string(79, '\0') + 'Z', "plainZ"},  // "/" padded to 80, name unterminated
     };
     for (const auto &row : rows) {
         char dir[256], name[256];

@@ -124,9 +124,9 @@ void note_signal(int) {}
 TEST(Runner, ToolGetsTheCallersSignalStateAndTheCallerKeepsItsOwnUnlessInTheShell) {
     setenv("FCADMIN_TEST_HELPER", "tool", 1);
     const std::string ignoring = "INT=ign QUIT=ign TSTP=ign USR1=ign USR2=ign CHLD=dfl blocked,USR2,CHLD";
-    for (const auto &[context, each] : {std::pair{0, kLaunchers[0]}, {0, kLaunchers[1]}, {1, kLaunchers[0]},
-                                       {1, kLaunchers[1]}, {2, kLaunchers[0]}, {2, kLaunchers[1]}}) {
-        launcher = each;
+    for (int i = 0; i < 6; ++i) {
+        const int32_t context = i / 2;
+        const fcadmin::Launcher each = launcher = kLaunchers[i % 2];
         in_child([&] {
             struct sigaction handled {};
             handled.sa_handler = note_signal;
