@@ -1,5 +1,4 @@
-// The recording fakes of the platform services, and the call log and scripts that they share with the
-// interposed system calls.
+// The recording fakes of the platform services, and the call log and scripts shared with the interposed calls.
 #include "tests/support/fake_platform.h"
 
 #include "fcadmin_platform.h"
@@ -11,8 +10,6 @@
 #include <map>
 
 namespace fcadmin_test {
-namespace {
-
 struct State {
     std::vector<Call> calls;
     std::map<std::string, std::deque<std::pair<long, int>>> scripts;
@@ -21,31 +18,28 @@ struct State {
     std::map<std::string, std::function<void()>> hooks;
 };
 
-State &state() {  // a function-local static: the C library may call an interposed function early
+static State &state() {  // a function-local static: the C library may call an interposed function early
     static State s;
     return s;
 }
 
-std::string text(const char *s) { return s == nullptr ? "(null)" : s; }
+static std::string text(const char *s) { return s == nullptr ? "(null)" : s; }
 template <typename T>
-std::string text(T v) { return std::to_string(v); }
+static std::string text(T v) { return std::to_string(v); }
 
 template <typename... A>
-long fake(const std::string &name, A... args) {
+static long fake(const std::string &name, A... args) {
     long result = 0;
     if (record_call(name, {text(args)...}, &result)) return result;
     const auto it = state().defaults.find(name);
     return it == state().defaults.end() ? 0 : it->second;
 }
 
-bool take(std::deque<std::string> &queue, char *out, long size) {
-    if (queue.empty() || out == nullptr || size <= 0) return false;
+static void take(std::deque<std::string> &queue, char *out, long size) {  // the next scripted text, if any, into out
+    if (queue.empty() || out == nullptr || size <= 0) return;
     snprintf(out, static_cast<size_t>(size), "%s", queue.front().c_str());
     queue.pop_front();
-    return true;
 }
-
-}  // namespace
 
 std::string Call::text() const {
     std::string out = name;
@@ -111,8 +105,7 @@ int32_t trace_module_init(int32_t *handle, int32_t id, int32_t size, const char 
     long assigned = id == 305 ? 7 : 8;
     scripted("trace_module_init handle", &assigned, nullptr);
     if (handle != nullptr) *handle = static_cast<int32_t>(assigned);
-    return static_cast<int32_t>(fake("trace_module_init", id, size, name, d[0], d[1],
-                                     d[2], d[3], d[4]));
+    return static_cast<int32_t>(fake("trace_module_init", id, size, name, d[0], d[1], d[2], d[3], d[4]));
 }
 
 int32_t trace_module_store_lvl(int32_t handle, int32_t id, int32_t level, int32_t flags, const char *line) {

@@ -1,6 +1,5 @@
-// Recording fakes of the platform services and, in the programs that link interpose.cpp, of the system
-// calls that the library makes on files and System V IPC: every call is recorded in order with its
-// arguments as text, and returns a scripted result.
+// Recording fakes of the platform services and (interpose.cpp) of the library's file and System V calls: every
+// call is recorded in order with its arguments as text, and returns a scripted result.
 #pragma once
 
 #include "tests/support/helpers.h"

@@ -6,66 +6,53 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <climits>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
 
 namespace fcadmin_test {
-namespace {
-
-std::map<std::string, int (*)(int, char **)> &helpers() {
+static std::map<std::string, int (*)(int, char **)> &helpers() {
     static std::map<std::string, int (*)(int, char **)> registry;
     return registry;
 }
-
-int failed_parts() {
-    const ::testing::TestInfo *info = ::testing::UnitTest::GetInstance()->current_test_info();
-    int failed = 0;
-    for (int i = 0; info != nullptr && i < info->result()->total_part_count(); ++i)
-        failed += info->result()->GetTestPartResult(i).failed();
-    return failed;
-}
-
-}  // namespace
 
 int register_helper(const char *name, int (*fn)(int, char **)) {
     helpers()[name] = fn;
     return 0;
 }
 
-std::string self_exe() {
-    char path[PATH_MAX] = {};
-    return std::string(path, static_cast<size_t>(std::max<ssize_t>(readlink("/proc/self/exe", path, sizeof path), 0)));
-}
+std::string self_exe() { return std::filesystem::read_symlink("/proc/self/exe"); }
 
 int run_in_child(const std::function<void()> &body) {
     fflush(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
-        const int before = failed_parts();  // the parent's failures come along with the fork
+        const bool failed = ::testing::Test::HasFailure();  // the parent's, which come along with the fork
         body();
         fflush(nullptr);
-        _exit(failed_parts() > before);
+        _exit(!failed && ::testing::Test::HasFailure());
     }
     int status = -1;
-    while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) continue;
     return status;
 }
 
 void in_child(const std::function<void()> &body) { EXPECT_EQ(run_in_child(body), 0) << "the child's failures are above"; }
 
+void exec_program(const Lines &argv) {
+    std::vector<char *> args;
+    for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    _exit(127);
+}
+
 int run_program(const Lines &argv, std::string *out) {
     const int status = run_in_child([&] {
         const int fd = open("/tmp/run_program.out", O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(fd, 1);
-        dup2(fd, 2);
-        std::vector<char *> args;
-        for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
-        args.push_back(nullptr);
-        execvp(args[0], args.data());
-        _exit(127);
+        dup2(fd, 1), dup2(fd, 2);
+        exec_program(argv);
     });
     if (out != nullptr) *out = read_file("/tmp/run_program.out");
     return status;

@@ -27,6 +27,8 @@ std::string self_exe();
 // body raised no test failure. in_child expects that 0.
 int run_in_child(const std::function<void()> &body);
 void in_child(const std::function<void()> &body);
+// Executes argv in place of this process (no shell), looked up on the search path; exits 127 if it cannot.
+[[noreturn]] void exec_program(const Lines &argv);
 // Runs argv (no shell); the raw wait status, and its standard output and error in *out.
 int run_program(const Lines &argv, std::string *out = nullptr);
 // What fn writes to descriptor fd while it runs, forked children included, and flushes before it returns.

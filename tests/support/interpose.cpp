@@ -1,8 +1,6 @@
-// The library's system calls, interposed: the program's definitions take precedence over the C library's,
-// the library's calls included. Each records itself while recording is on (file calls only on labelled
-// paths), fails when a failure is scripted for it, and otherwise forwards to the real call.
-// The inline wrappers of the same names that _FORTIFY_SOURCE brings into the C library's headers would
-// clash with these definitions.
+// The library's system calls, interposed (the program's definitions come first): each is recorded while recording
+// is on (file calls on labelled paths only), fails when scripted to, else forwards to the real call.
+// _FORTIFY_SOURCE's inline wrappers of the same names would clash with these definitions.
 #undef _FORTIFY_SOURCE
 #include "tests/support/fake_platform.h"
 
@@ -16,38 +14,31 @@
 #include <map>
 
 namespace fcadmin_test {
-namespace {
+static bool recording = false;
+static std::map<std::string, std::string> labels;
 
-bool recording = false;
-std::map<std::string, std::string> labels;
-
-std::string label(const char *path) { return labels.count(path) != 0 ? labels[path] : ""; }
-std::string label(int fd) {
+static std::string label(const char *path) { return labels.count(path) != 0 ? labels[path] : ""; }
+static std::string label(int fd) {
     char target[4096] = {};
     return readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof target - 1) > 0 ? label(target) : "";
 }
-std::string str(const void *p) {
+static std::string str(const void *p) {  // as printf's %p: "(nil)" for a null pointer
     char t[32];
-    snprintf(t, sizeof t, "%p", p);
-    return t;
+    return std::string(t, static_cast<size_t>(snprintf(t, sizeof t, "%p", p)));
 }
-std::string str(const sembuf &o) {
-    char t[64];
-    snprintf(t, sizeof t, "{%d,%d,%d}", o.sem_num, o.sem_op, o.sem_flg);
-    return t;
+static std::string str(const sembuf &o) {
+    return "{" + std::to_string(o.sem_num) + "," + std::to_string(o.sem_op) + "," + std::to_string(o.sem_flg) + "}";
 }
 template <typename T>
-std::string str(T v) { return std::to_string(v); }
+static std::string str(T v) { return std::to_string(v); }
 
 // Records the call (file calls only with a label); true with *result and errno when one is scripted.
-bool intercepted(const char *name, const Lines &args, long *result) {
+static bool intercepted(const char *name, const Lines &args, long *result) {
     int err = 0;
     if (!recording || args.at(0).empty() || !record_call(name, args, result, &err)) return false;
     errno = err;
     return true;
 }
-
-}  // namespace
 
 void interpose(bool on) { recording = on; }
 void label_paths(std::vector<std::pair<std::string, std::string>> list) { labels = {list.begin(), list.end()}; }

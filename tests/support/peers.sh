@@ -2,9 +2,9 @@
 # Throwaway transfer peers on the sandbox's loopback, for the end-to-end tests and the demo:
 #
 #   peers.sh start DIR   sshd on [127.0.0.1]:22 and [::1]:22 (public-key log-in only, a throwaway host
-#                        key), vsftpd on 127.0.0.1:21 and [::1]:21 (local users, writable homes); users
-#                        j.doe (the client key authorized) and nokey (no key), both with the password
-#                        "p@ss:w0rd" and homes DIR/home/NAME; the machine's ssh client pointed at the key
+#                        key), vsftpd on 127.0.0.1:21 and [::1]:21 (local users, writable homes); the user
+#                        j.doe (the client key authorized) with the password "p@ss:w0rd" and the home
+#                        DIR/home/j.doe; the machine's ssh client pointed at the key
 #   peers.sh stop DIR    ends the servers
 #
 # It writes users into /etc and listens on fixed ports, so it refuses to run outside
@@ -34,22 +34,18 @@ fi
 
 mkdir -p "$dir/sshd" "$dir/ftp4" "$dir/ftp6" "$dir/empty" "$dir/client-home" /run/sshd
 chmod 0755 "$dir" "$dir/empty"
-uid=4242
-for user in j.doe nokey; do
-    # A second start in one sandbox (the demo's) moves the users to the new homes.
-    if id -u "$user" >/dev/null 2>&1; then usermod -d "$dir/home/$user" "$user"
-    else useradd -M -d "$dir/home/$user" -s /bin/sh -u $uid -U "$user"; fi
-    echo "$user:p@ss:w0rd" | chpasswd
-    mkdir -p "$dir/home/$user/.ssh"
-    uid=$((uid + 1))
-done
+# A second start in one sandbox (the demo's) moves the user to the new home.
+if id -u j.doe >/dev/null 2>&1; then usermod -d "$dir/home/j.doe" j.doe
+else useradd -M -d "$dir/home/j.doe" -s /bin/sh -u 4242 -U j.doe; fi
+echo "j.doe:p@ss:w0rd" | chpasswd
+mkdir -p "$dir/home/j.doe/.ssh"
 # The client runs as root and keeps its files in root's home: give it one of the peers' own.
 sed -i "s#^root:\([^:]*\):0:0:\([^:]*\):[^:]*:#root:\1:0:0:\2:$dir/client-home:#" /etc/passwd
 
 ssh-keygen -q -t ed25519 -N '' -C host -f "$dir/sshd/host_key"
 ssh-keygen -q -t ed25519 -N '' -C client -f "$dir/client_key"
 cp "$dir/client_key.pub" "$dir/home/j.doe/.ssh/authorized_keys"
-for user in j.doe nokey; do chown -R "$user:$user" "$dir/home/$user"; done
+chown -R j.doe:j.doe "$dir/home/j.doe"
 cat >"$dir/sshd/config" <<EOF
 Port 22
 ListenAddress 127.0.0.1

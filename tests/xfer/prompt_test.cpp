@@ -1,5 +1,4 @@
-// The password prompt: when it asks, how often, which verdict counts, echo off while the answer is read,
-// and a terminal it cannot use.
+// The password prompt: when it asks, how often, which verdict counts, echo while reading, no terminal.
 #include "tests/support/fake_platform.h"
 
 #include <fcntl.h>
@@ -9,60 +8,34 @@
 
 using namespace fcadmin_test;
 
-namespace {
+const auto echo_on = [] { termios t{}; return tcgetattr(STDIN_FILENO, &t) != 0 || (t.c_lflag & ECHO) != 0; };
 
+// Rows: user, given password, read results, verdicts, result, "calls|field" (s a read with echo off, v a check).
+// Every prefix of "anonymous" is anonymous; a rejected answer stays in the field; a failed read keeps the verdict.
 TEST(QueryPassword, AsksOnlyWhenNeededAndTheLatestReadDecides) {
-    const struct {
-        const char *user, *given;
-        std::vector<long> reads, verdicts;
-        int32_t result;
-        std::string calls, field;  // s a prompt with echo off, v a check; the field afterwards
-    } rows[] = {
-        {"guest", "given", {}, {}, 0, "", "given"},
-        {"anon", "", {}, {}, 0, "", ""},  // every prefix of "anonymous" is anonymous, the empty name too
-        {"", "", {}, {}, 0, "", ""},
-        {"anonymous2", "", {0}, {1}, 0, "sv", "one"},
-        // A rejected answer stays in the field; a read that fails keeps the verdict before it.
-        {"guest", "", {0, 0, 0}, {0, 0, 0}, -1, "svsvsv", "three"},
-        {"guest", "", {0, 0}, {0, 1}, 0, "svsv", "two"},
-        {"guest", "", {0, -1, 0}, {0, 0}, -1, "svssv", "three"},
-        {"guest", "", {-1, -1, -1}, {1}, -1, "sss", "three"},
+    const std::tuple<const char *, const char *, std::vector<long>, std::vector<long>, int32_t, std::string> rows[] = {
+        {"guest", "given", {}, {}, 0, "|given"}, {"anonymous2", "", {0}, {1}, 0, "sv|one"},
+        {"anon", "", {}, {}, 0, "|"}, {"", "", {}, {}, 0, "|"},
+        {"guest", "", {0, 0, 0}, {0, 0, 0}, -1, "svsvsv|three"}, {"guest", "", {0, 0}, {0, 1}, 0, "svsv|two"},
+        {"guest", "", {0, -1, 0}, {0, 0}, -1, "svssv|three"}, {"guest", "", {-1, -1, -1}, {1}, -1, "sss|three"},
     };
     in_child([&] {
         terminal_on_stdin();
-        for (const auto &row : rows) {
-            reset_platform();
-            script("ork_infra_scanf", row.reads);
-            script("ork_verify_password", row.verdicts);
-            script_answers({"one", "two", "three"});
-            std::string echo;
-            on_call("ork_infra_scanf", [&] {
-                termios t{};
-                echo += tcgetattr(STDIN_FILENO, &t) == 0 && (t.c_lflag & ECHO) == 0 ? "" : "echo!";
-            });
-            char password[384] = {};
-            strcpy(password, row.given);
-            EXPECT_EQ(QueryPassword(row.user, password), row.result) << row.user << " " << row.calls;
-            EXPECT_EQ(call_letters("s=ork_infra_scanf v=ork_verify_password") + echo + "|" + password, row.calls + "|" + row.field);
-            for (const auto &call : calls()) EXPECT_TRUE(call.name[4] == 'v' || call.text() == "ork_infra_scanf Password 384");
-            termios t{};
-            EXPECT_TRUE(tcgetattr(STDIN_FILENO, &t) == 0 && (t.c_lflag & ECHO) != 0);
+        for (const auto &[user, given, reads, verdicts, result, want] : rows) {
+            reset_platform(), script("ork_infra_scanf Password 384", reads), script("ork_verify_password", verdicts);
+            script_answers({"one", "two", "three"});  // reads scripted for their prompt and size; "!": echo on
+            std::string echo, password = given + std::string(384, '\0');
+            on_call("ork_infra_scanf", [&echo] { echo += echo_on() ? "!" : ""; });
+            EXPECT_EQ(QueryPassword(user, password.data()), result) << user << " " << want;
+            EXPECT_EQ(call_letters("s=ork_infra_scanf v=ork_verify_password") + echo + (echo_on() ? "|" : " off|") +
+                          password.c_str(), want);
         }
     });
-    char password[384] = {};
-    EXPECT_EQ(QueryPassword(nullptr, password) + QueryPassword("guest", nullptr), -2);
 }
 
 TEST(QueryPassword, WithoutATerminalTheProcessEnds) {
-    const int status = run_in_child([] {
-        dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
-        dup2(open("/tmp/prompt.err", O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
-        char password[384] = {};
-        QueryPassword("guest", password);
-        _exit(0);
-    });
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
-    EXPECT_EQ(read_file("/tmp/prompt.err"), "Failed to set tty info\n");
+    const auto body = [] { char p[384] = {}; dup2(open("/dev/null", O_RDONLY), 0), QueryPassword("u", p), _exit(0); };
+    int status = 0;
+    const std::string err = captured(STDERR_FILENO, [&] { status = run_in_child(body); });
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1 && err == "Failed to set tty info\n") << status << err;
 }
-
-}  // namespace
