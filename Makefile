@@ -12,7 +12,7 @@ export JOBS
 WARNING_PRESETS = debug default release gcc11 clang clang19
 
 .PHONY: all build demo test test-default test-asan test-tsan test-install test-release test-clang \
-        test-ppc test-s390x test-i386 warnings bench clean
+        test-ppc test-s390x test-i386 test-fuzz fuzz fuzz-build warnings bench clean
 
 all: build
 
@@ -24,7 +24,7 @@ demo: build
 
 # The suites first; `warnings` then only builds what they have not built yet.
 test: test-default test-asan test-tsan test-install test-release test-clang test-ppc test-s390x test-i386 \
-      warnings
+      test-fuzz warnings
 
 # One preset's suite: a build that fails on any warning, then ctest.
 define suite
@@ -67,6 +67,21 @@ test-i386:
 
 warnings:
 	bash cmake/check-warnings.sh $(WARNING_PRESETS)
+
+# libFuzzer targets (clang): `make fuzz` runs each for FUZZ_SECONDS from the committed corpus
+# (tests/fuzz/corpus), `make test-fuzz` for 15 s each, so that a regression shows in CI.
+FUZZ_SECONDS ?= 60
+FUZZ_FLAGS ?=
+
+fuzz-build:
+	$(CMAKE) --preset fuzz
+	$(CMAKE) --build --preset fuzz -j $(JOBS)
+
+fuzz: fuzz-build
+	sh tests/fuzz/run.sh build/fuzz $(FUZZ_SECONDS) $(FUZZ_FLAGS)
+
+test-fuzz: fuzz-build
+	sh tests/fuzz/run.sh build/fuzz 15
 
 # The benchmarks run in the sandbox: they take the fixed System V keys and write the transfer error log.
 # Medians of interleaved repetitions; the JSON feeds bench/plot.sh (BENCH_FLAGS adds benchmark flags).
