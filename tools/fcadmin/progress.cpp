@@ -13,6 +13,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -105,10 +106,13 @@ struct ProgressLine::State {
     }
     void run() {
         const int64_t initial = measure_bytes(measure, path);
+        int64_t staged = -1;
         bool changed = false;
         std::unique_lock<std::mutex> guard(lock);
         while (!wake.wait_for(guard, kInterval, [this] { return stopping; })) {
-            const int64_t bytes = measure_bytes(measure, path);
+            int64_t bytes = measure_bytes(measure, path);
+            // The export empties its staging directory when it is done: what was staged stays shown.
+            if (measure == Measure::directory) bytes = staged = std::max(staged, bytes);
             changed = changed || bytes != initial;
             if (changed && bytes >= 0) show(bytes);
         }
