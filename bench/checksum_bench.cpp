@@ -3,11 +3,11 @@
 #include "fcadmin.h"
 #include "fcadmin_platform.h"
 #include "fileutil/crc16.h"
+#include "tests/support/oracles.h"
 
 #include <benchmark/benchmark.h>
 
 #include <fcntl.h>
-#include <openssl/bio.h>
 #include <openssl/evp.h>
 #include <unistd.h>
 
@@ -23,6 +23,9 @@
 #include <vector>
 
 namespace {
+
+using fcadmin_test::literal_get_crc;
+using fcadmin_test::one_byte_base64decode;
 
 std::vector<unsigned char> sample_bytes(size_t size) {
     std::vector<unsigned char> data(size);
@@ -104,20 +107,6 @@ std::string sample_base64(size_t decoded_size) {
     return text;
 }
 
-// The one-byte loop that base64decode was.
-unsigned char *one_byte_base64decode(const char *text, uint32_t length, uint32_t *decoded_length) {
-    const uint64_t capacity = (3 * uint64_t{length}) / 4 + 1;
-    auto *buffer = static_cast<unsigned char *>(calloc(capacity, 1));
-    BIO *chain = BIO_push(BIO_new(BIO_f_base64()), BIO_new(BIO_s_mem()));
-    BIO_write(BIO_next(chain), text, static_cast<int>(length));
-    BIO_set_flags(chain, BIO_FLAGS_BASE64_NO_NL);
-    uint64_t count = 0;
-    while (count + 1 < capacity && BIO_read(chain, buffer + count, 1) >= 1) ++count;
-    *decoded_length = static_cast<uint32_t>(count);
-    BIO_free_all(chain);
-    return buffer;
-}
-
 // The best alternative: OpenSSL's block decoder into a fresh buffer, the same contract as base64decode
 // (the caller gets memory of its own), without the BIO chain.
 unsigned char *evp_base64decode(const char *text, uint32_t length, uint32_t *decoded_length) {
@@ -176,24 +165,6 @@ const std::string &digest_file() {
         return name;
     }();
     return path;
-}
-
-// The fopen, calloc and fread that get_crc was.
-int32_t literal_get_crc(const char *path) {
-    FILE *file = fopen(path, "r");
-    if (file == nullptr) return 0;
-    fseek(file, 0, SEEK_END);
-    const long end = ftell(file);
-    const size_t size = end > 0 ? static_cast<size_t>(end) : 0;
-    fseek(file, 0, SEEK_SET);
-    auto *buffer = static_cast<unsigned char *>(calloc(size > 0 ? size : 1, 1));
-    if (size > 0) (void)!fread(buffer, size, 1, file);
-    fclose(file);
-    unsigned char digest[16];
-    MD5_hash_compute(digest, buffer, static_cast<uint32_t>(size));
-    free(buffer);
-    return static_cast<int32_t>((uint32_t{digest[0]} << 24) | (uint32_t{digest[1]} << 16) | (uint32_t{digest[2]} << 8) |
-                                digest[3]);
 }
 
 // The floor: MD5 streamed over 64 KiB reads into one reused buffer.
